@@ -1,0 +1,65 @@
+// Host stand-in for the modem diagnostics library: each line is printed to
+// standard error with its subsystem id and mask, or handed to a test's sink.
+
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include "diag_host.h"
+
+namespace {
+
+std::mutex sSinkLock;
+diag_host_sink_fn sSink = nullptr;  // guarded by sSinkLock
+void* sSinkCtx = nullptr;           // guarded by sSinkLock
+int sInitCount = 0;                 // guarded by sSinkLock
+
+constexpr size_t kMaxLine = 1024;
+
+}  // namespace
+
+extern "C" {
+
+int Diag_LSM_Init(unsigned char* /*env*/) {
+    std::lock_guard<std::mutex> lock(sSinkLock);
+    ++sInitCount;
+    return 1;
+}
+
+int Diag_LSM_DeInit(void) {
+    std::lock_guard<std::mutex> lock(sSinkLock);
+    if (sInitCount > 0) --sInitCount;
+    return 1;
+}
+
+void msg_sprintf(const msg_const_type* const_blk, ...) {
+    if (const_blk == nullptr || const_blk->fmt == nullptr) return;
+    char line[kMaxLine];
+    va_list args;
+    va_start(args, const_blk);
+    vsnprintf(line, sizeof(line), const_blk->fmt, args);
+    va_end(args);
+
+    // The sink runs under the lock so that a sink being removed is never
+    // called afterwards; sinks must not log through this interface.
+    std::lock_guard<std::mutex> lock(sSinkLock);
+    if (sSink != nullptr) {
+        sSink(&const_blk->desc, line, sSinkCtx);
+        return;
+    }
+    fprintf(stderr, "diag[ss=%u mask=0x%x] %s\n", const_blk->desc.ss_id, const_blk->desc.ss_mask,
+            line);
+}
+
+void diag_host_set_sink(diag_host_sink_fn sink, void* ctx) {
+    std::lock_guard<std::mutex> lock(sSinkLock);
+    sSink = sink;
+    sSinkCtx = ctx;
+}
+
+int diag_host_init_count(void) {
+    std::lock_guard<std::mutex> lock(sSinkLock);
+    return sInitCount;
+}
+
+}  // extern "C"

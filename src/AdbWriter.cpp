@@ -1,0 +1,20 @@
+#include "AdbWriter.h"
+
+#include <android/log.h>
+
+#include <iterator>
+
+namespace kiv {
+
+int AdbWriter::convertPrio(LogLevel level) {
+    static constexpr int kPriorities[] = {ANDROID_LOG_VERBOSE, ANDROID_LOG_DEBUG, ANDROID_LOG_INFO,
+                                          ANDROID_LOG_ERROR,   ANDROID_LOG_FATAL, ANDROID_LOG_INFO};
+    const auto index = static_cast<uint32_t>(level);
+    return index < std::size(kPriorities) ? kPriorities[index] : ANDROID_LOG_INFO;
+}
+
+void AdbWriter::write(LogLevel level, std::string tag, std::string message) {
+    __android_log_print(convertPrio(level), tag.c_str(), "%s", message.c_str());
+}
+
+}  // namespace kiv

@@ -1,0 +1,46 @@
+// The library's one logging front end: formats each message, hands it to the
+// installed sink, and keeps errors and important results in the local history.
+#pragma once
+
+#include <memory>
+#include <mutex>
+
+#include "LogWriter.h"
+
+namespace kiv {
+
+inline constexpr const char* kLogTag = "KIV";
+
+class LogWrapper {
+  public:
+    static LogWrapper& getInstance();
+
+    // Installs a new sink. The previous one is handed back in the argument
+    // and destroyed with it, or, when another thread is writing through it
+    // at that moment, once that write has finished.
+    void setLogWriter(std::unique_ptr<LogWriter> writer);
+
+    // printf-style; the message is cut at 511 characters. Levels Error and
+    // Info are also kept in LocalLogBuffer.
+    void log(LogLevel level, const char* tag, const char* format, ...)
+            __attribute__((format(printf, 4, 5)));
+
+  private:
+    LogWrapper() = default;
+
+    std::shared_ptr<LogWriter> currentWriter();
+
+    std::mutex mWriterLock;              // held only to read or swap mWriter
+    std::shared_ptr<LogWriter> mWriter;  // guarded by mWriterLock
+};
+
+}  // namespace kiv
+
+// The library's log lines, all with the tag "KIV".
+#define KLOG(level, ...) \
+    ::kiv::LogWrapper::getInstance().log(::kiv::LogLevel::level, ::kiv::kLogTag, __VA_ARGS__)
+#define KLOGV(...) KLOG(Verbose, __VA_ARGS__)
+#define KLOGD(...) KLOG(Debug, __VA_ARGS__)
+#define KLOGW(...) KLOG(Warning, __VA_ARGS__)
+#define KLOGE(...) KLOG(Error, __VA_ARGS__)
+#define KLOGI(...) KLOG(Info, __VA_ARGS__)

@@ -1,0 +1,121 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "AdbWriter.h"
+#include "CapturingLog.h"
+#include "DiagWriter.h"
+#include "LocalLogBuffer.h"
+#include "LogWrapper.h"
+#include "diag_host.h"
+
+namespace kiv {
+namespace {
+
+struct DiagCapture {
+    std::vector<std::pair<msg_desc_type, std::string>> lines;
+    DiagCapture() { diag_host_set_sink(&DiagCapture::sink, this); }
+    ~DiagCapture() { diag_host_set_sink(nullptr, nullptr); }
+    static void sink(const msg_desc_type* desc, const char* line, void* ctx) {
+        static_cast<DiagCapture*>(ctx)->lines.emplace_back(*desc, line);
+    }
+};
+
+TEST(LogWrapper_Log, CutsAt511AndKeepsErrorsAndResults) {
+    auto& history = LocalLogBuffer::getInstance();
+    history.flush();
+    {
+        // No sink installed: only the history sees levels 3 and 5.
+        LogWrapper::getInstance().setLogWriter(nullptr);
+        KLOGE("error %d", 1);
+        KLOGD("debug");
+        KLOGW("warning");
+        KLOGI("info");
+    }
+    auto lines = history.getLogs();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_NE(lines[0].find("[KIV]error 1"), std::string::npos);
+    EXPECT_NE(lines[1].find("[KIV]info"), std::string::npos);
+
+    test::ScopedLogCapture log;
+    const std::string longText(600, 'x');
+    KLOGI("%s", longText.c_str());
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0].message, std::string(511, 'x'));
+    EXPECT_EQ(log.lines()[0].tag, "KIV");
+    const auto last = history.getLogs().back();
+    EXPECT_EQ(last.substr(last.size() - 512), "]" + std::string(511, 'x'));
+}
+
+TEST(LocalLogBuffer_Capacity, KeepsCapacityPlusOneNewestLines) {
+    auto& history = LocalLogBuffer::getInstance();
+    EXPECT_EQ(history.getName(), "KIV");
+    history.flush();
+    for (int i = 0; i < 300; ++i) KLOGI("line %d", i);
+    auto lines = history.getLogs();
+    ASSERT_EQ(lines.size(), 201u);
+    EXPECT_NE(lines.front().find("]line 99"), std::string::npos);
+    EXPECT_NE(lines.back().find("]line 299"), std::string::npos);
+
+    history.flush();
+    EXPECT_TRUE(history.getLogs().empty());
+    LocalLogBuffer own("X", 0);
+    own.addLogWithTimestamp("");
+    own.addLogWithTimestamp("second");
+    lines = own.getLogs();
+    ASSERT_EQ(lines.size(), 1u);  // capacity 0 still keeps the newest line
+    // "    YYYY-MM-DD HH:MM:SS.mmm [X]second"
+    const std::string& line = lines[0];
+    ASSERT_EQ(line.size(), 4 + 23 + 4 + 6u);
+    EXPECT_EQ(line.substr(0, 4), "    ");
+    EXPECT_EQ(line[8], '-');
+    EXPECT_EQ(line[14], ' ');
+    EXPECT_EQ(line[23], '.');
+    EXPECT_EQ(line.substr(27), " [X]second");
+}
+
+TEST(AdbWriter_Write, PrioritiesAndAndroidLogOutput) {
+    AdbWriter adb;
+    const int expected[] = {2, 3, 4, 6, 7, 4, 4};
+    for (uint32_t level = 0; level < 6; ++level) {
+        EXPECT_EQ(adb.convertPrio(static_cast<LogLevel>(level)), expected[level]);
+    }
+    EXPECT_EQ(adb.convertPrio(static_cast<LogLevel>(9)), 4);
+
+    // The host's Android log prints to standard error.
+    testing::internal::CaptureStderr();
+    adb.write(LogLevel::Warning, "KIV", "hello adb");
+    const std::string out = testing::internal::GetCapturedStderr();
+    EXPECT_NE(out.find("hello adb"), std::string::npos);
+    EXPECT_NE(out.find("KIV"), std::string::npos);
+}
+
+TEST(DiagWriter_Write, DescriptorFixedByFirstMessage) {
+    DiagCapture diag;
+    EXPECT_EQ(diag_host_init_count(), 0);
+    {
+        LogWrapper::getInstance().setLogWriter(std::make_unique<DiagWriter>());
+        EXPECT_EQ(diag_host_init_count(), 1);
+        KLOGE("first");
+        KLOG(Fatal, "second");
+        LogWrapper::getInstance().setLogWriter(nullptr);
+    }
+    EXPECT_EQ(diag_host_init_count(), 0);
+    ASSERT_EQ(diag.lines.size(), 2u);
+    EXPECT_EQ(diag.lines[0].second, "|KIV| first");
+    EXPECT_EQ(diag.lines[1].second, "|KIV| second");
+    for (const auto& [desc, text] : diag.lines) {
+        EXPECT_EQ(desc.ss_mask, 4u);  // the mask of the first message, an error
+        EXPECT_EQ(desc.ss_id, 63);
+        EXPECT_EQ(desc.line, 116);
+    }
+    DiagWriter writer;
+    const int expected[] = {1, 1, 1, 4, 16, 4};
+    for (uint32_t level = 0; level < 6; ++level) {
+        EXPECT_EQ(writer.convertPrio(static_cast<LogLevel>(level)), expected[level]);
+    }
+    EXPECT_EQ(writer.convertPrio(static_cast<LogLevel>(9)), 1);
+}
+
+}  // namespace
+}  // namespace kiv

@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "ProfileParams.h"
+
+namespace kiv {
+namespace {
+
+template <typename T>
+std::string print(T value) {
+    std::ostringstream os;
+    os << value;
+    return os.str();
+}
+
+TEST(ProfileParams_Printers, KnownValuesByNameOthersByNumber) {
+    EXPECT_EQ(print(static_cast<ApnTypes>(0)), "NONE");
+    EXPECT_EQ(print(static_cast<ApnTypes>(0x41)), "DEFAULT|IMS|");
+    EXPECT_EQ(print(static_cast<ApnTypes>(0x1000)), "");
+    EXPECT_EQ(print(static_cast<ApnTypes>(0xFFF)),
+              "DEFAULT|MMS|SUPL|DUN|HIPRI|FOTA|IMS|CBS|IA|EMERGENCY|MCX|XCAP|");
+    EXPECT_EQ(print(static_cast<FilterMatchType>(0)), "None");
+    EXPECT_EQ(print(static_cast<FilterMatchType>(0x3F)),
+              "HomeIPSubset|RoamIPSubset|ApnNameSubset|ApnTypeBitmaskSubset|HomeIPSuperset|"
+              "RoamIPSuperset|");
+    EXPECT_EQ(print(static_cast<ApnClass>(0)), "0");
+    EXPECT_EQ(print(ApnClass::APP), "APP");
+    EXPECT_EQ(print(static_cast<AuthType>(7)), "7");
+    EXPECT_EQ(print(AuthType::PAP_CHAP), "PAP_CHAP");
+    EXPECT_EQ(print(static_cast<TechType>(2)), "2");
+    EXPECT_EQ(print(TechType::TECH_3GPP2), "3GPP2");
+    EXPECT_EQ(print(IPType::V4V6), "V4V6");
+    EXPECT_EQ(print(static_cast<IPType>(9)), "9");
+}
+
+TEST(ProfileParams_Dump, PresentFieldsInDumpOrder) {
+    ProfileParams empty;
+    EXPECT_EQ(empty.dump(), "");
+    EXPECT_FALSE(empty.getIsKivProfile());
+    EXPECT_FALSE(empty.getIsIAProfile());
+
+    ProfileParams p;
+    // Set in an order different from the dump order on purpose.
+    p.setIsEmergencySupported(false);
+    p.setIsApnDisabled(true);
+    p.setPdnReqWaitInterval(3);
+    p.setMaxPdnConnTimer(2);
+    p.setMaxPdnsConnPerBlock(1);
+    p.setIsClatEnabled(true);
+    p.setApnClass(ApnClass::INET);
+    p.setApnTypesMask(0x41);
+    p.setRoamIPType(IPType::V6);
+    p.setHomeIPType(IPType::V4);
+    p.setAuthType(AuthType::CHAP);
+    p.setPassword("secret");
+    p.setUserName("user");
+    p.setApnName("Internet");
+    EXPECT_EQ(p.dump(),
+              "ApnName=Internet,UserName=user,Password=secret,AuthType=CHAP,HomeIPType=V4,"
+              "RoamIPType=V6,ApnTypesMask=DEFAULT|IMS|,ApnClass=INET,IsClatEnabled=true,"
+              "MaxPdnsConnPerBlock=1,MaxPdnConnTimer=2,PdnReqWaitInterval=3,IsApnDisabled=true,"
+              "IsEmergencySupported=false,");
+}
+
+TEST(ProfileParams_Copy, PresenceTravelsWithTheValues) {
+    ProfileParams source;
+    source.setApnName("ims");
+    ProfileParams target;
+    target.setUserName("old");
+    target.setPassword("old");
+    target = source;
+    EXPECT_TRUE(target.hasApnName());
+    EXPECT_EQ(target.getApnName(), "ims");
+    EXPECT_FALSE(target.hasUserName());
+    EXPECT_FALSE(target.hasPassword());
+
+    // Assigning through the base keeps the target's own type and extras.
+    FilterProfileParams filter;
+    filter.setFilterByProfileId(4);
+    static_cast<ProfileParams&>(filter) = source;
+    EXPECT_EQ(filter.dump(), "None: id=4,ApnName=ims,");
+}
+
+TEST(AddProfileParams_Construct, InitialAttachFlagAlwaysFromArgument) {
+    AddProfileParams bare(true, TechType::TECH_3GPP, true);
+    EXPECT_TRUE(bare.getIsIAProfile());
+    EXPECT_FALSE(bare.getIsKivProfile());
+    EXPECT_EQ(bare.dump(), "3GPP persist=true: IsIAProfile=true,");
+
+    FilterProfileParams flags;
+    flags.setFilterByIsKivProfile(true);
+    flags.setFilterByIsIAProfile(true);
+    flags.setApnName("ia");
+    AddProfileParams copied(flags, false, static_cast<TechType>(5), false);
+    EXPECT_FALSE(copied.getIsIAProfile());
+    EXPECT_TRUE(copied.getIsKivProfile());
+    EXPECT_FALSE(copied.getIsPersistent());
+    EXPECT_EQ(copied.dump(), "5 persist=false: ApnName=ia,IsKivProfile=true,IsIAProfile=false,");
+}
+
+TEST(FilterProfileParams_Criteria, MaskAndDumpIndependentOfOrder) {
+    FilterProfileParams f;
+    EXPECT_EQ(f.dump(), "None: ");
+    f.addFilterMatchCriteria(RoamIPSuperset);
+    f.addFilterMatchCriteria(HomeIPSubset | ApnNameSubset);
+    f.removeFilterMatchCriteria(ApnTypeBitmaskSubset);  // not set: no change
+    EXPECT_EQ(f.getFilterMatchCriteria(), 0x25u);
+    f.removeFilterMatchCriteria(ApnNameSubset);
+    EXPECT_EQ(f.getFilterMatchCriteria(), 0x21u);
+
+    f.setFilterByProfileId(7);
+    f.setFilterByTechType(TechType::TECH_3GPP2);
+    f.setFilterByIsIAProfile(false);
+    EXPECT_TRUE(f.hasFilterByIsIAProfile());
+    EXPECT_FALSE(f.hasFilterByIsKivProfile());
+    EXPECT_EQ(f.dump(), "HomeIPSubset|RoamIPSuperset|: tech=3GPP2,id=7,IsIAProfile=false,");
+
+    ProfileParams base;
+    base.setApnName("x");
+    FilterProfileParams fromBase(base);
+    EXPECT_EQ(fromBase.getFilterMatchCriteria(), 0u);
+    EXPECT_FALSE(fromBase.hasFilterByProfileId());
+    EXPECT_FALSE(fromBase.hasFilterByTechType());
+}
+
+}  // namespace
+}  // namespace kiv

@@ -1,0 +1,53 @@
+#include "CapturingLog.h"
+
+namespace kiv::test {
+
+namespace {
+
+class CapturingWriter : public LogWriter {
+  public:
+    explicit CapturingWriter(std::shared_ptr<ScopedLogCapture::Store> store)
+        : mStore(std::move(store)) {}
+    void write(LogLevel level, std::string tag, std::string message) override {
+        std::lock_guard<std::mutex> lock(mStore->lock);
+        mStore->lines.push_back({level, std::move(tag), std::move(message)});
+    }
+    int convertPrio(LogLevel level) override { return static_cast<int>(level); }
+
+  private:
+    std::shared_ptr<ScopedLogCapture::Store> mStore;
+};
+
+}  // namespace
+
+ScopedLogCapture::ScopedLogCapture() : mStore(std::make_shared<Store>()) {
+    LogWrapper::getInstance().setLogWriter(std::make_unique<CapturingWriter>(mStore));
+}
+
+ScopedLogCapture::~ScopedLogCapture() {
+    LogWrapper::getInstance().setLogWriter(nullptr);
+}
+
+std::vector<LogLine> ScopedLogCapture::lines() const {
+    std::lock_guard<std::mutex> lock(mStore->lock);
+    return mStore->lines;
+}
+
+size_t ScopedLogCapture::count(const std::string& text) const {
+    size_t n = 0;
+    for (const auto& line : lines()) n += line.message == text;
+    return n;
+}
+
+size_t ScopedLogCapture::countContaining(const std::string& fragment) const {
+    size_t n = 0;
+    for (const auto& line : lines()) n += line.message.find(fragment) != std::string::npos;
+    return n;
+}
+
+void ScopedLogCapture::clear() {
+    std::lock_guard<std::mutex> lock(mStore->lock);
+    mStore->lines.clear();
+}
+
+}  // namespace kiv::test
