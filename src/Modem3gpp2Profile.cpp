@@ -1,0 +1,104 @@
+#include "Modem3gpp2Profile.h"
+
+#include "Conversions.h"
+
+namespace kiv {
+
+Modem3gpp2Profile::Modem3gpp2Profile(const ProfileParams& p)
+    : ModemProfile(TechType::TECH_3GPP2, p) {
+    if (p.hasHomeIPType()) setCommonIPType(p.getHomeIPType());
+}
+
+Modem3gpp2Profile::Modem3gpp2Profile(int profileId, const wds_get_profile_settings_resp_msg_v01& r)
+    : ModemProfile(TechType::TECH_3GPP2, profileId, r) {
+    if (r.pdn_type_valid) setCommonIPType(convertPdnType(r.pdn_type));
+    if (r.apn_string_valid) setApnName(convertToLower(readField(r.apn_string)));
+    if (r.apn_class_3gpp2_valid) setApnClass(static_cast<ApnClass>(r.apn_class_3gpp2));
+    if (r.auth_protocol_valid) setAuthType(convertToAuthType(r.auth_protocol));
+    if (r.user_id_valid) setUserName(readField(r.user_id));
+}
+
+template <typename Request>
+void Modem3gpp2Profile::fillSettings(Request& request) const {
+    if (hasApnName()) {
+        request.apn_string_valid = 1;
+        writeField(request.apn_string, getApnName());
+    }
+    if (hasCommonIPType()) {
+        request.pdn_type_valid = 1;
+        request.pdn_type = convertToXalProfilePdnType(getCommonIPType());
+    }
+    if (hasAuthType()) {
+        request.auth_protocol_valid = 1;
+        request.auth_protocol = convertToXalAuthProtocol(getAuthType());
+        request.pdn_level_auth_protocol_valid = 1;
+        request.pdn_level_auth_protocol = convertToXalPdnLevelAuthProtocol(getAuthType());
+    }
+    if (hasApnClass()) {
+        request.apn_class_3gpp2_valid = 1;
+        request.apn_class_3gpp2 = static_cast<uint8_t>(getApnClass());
+    }
+    if (hasUserName()) {
+        request.user_id_valid = 1;
+        writeField(request.user_id, getUserName());
+        request.pdn_level_user_id_valid = 1;
+        writeField(request.pdn_level_user_id, getUserName());
+    }
+    if (hasPassword()) {
+        request.auth_password_valid = 1;
+        writeField(request.auth_password, getPassword());
+        request.pdn_level_auth_password_valid = 1;
+        writeField(request.pdn_level_auth_password, getPassword());
+    }
+}
+
+wds_create_profile_req_msg_v01 Modem3gpp2Profile::constructAddRequest() const {
+    wds_create_profile_req_msg_v01 request;
+    updateAddParameters(request);
+    request.profile_type = WDS_PROFILE_TYPE_3GPP2_V01;
+    fillSettings(request);
+    return request;
+}
+
+wds_modify_profile_settings_req_msg_v01 Modem3gpp2Profile::constructModifyRequest() const {
+    wds_modify_profile_settings_req_msg_v01 request;
+    updateModifyParameters(request);
+    fillSettings(request);
+    return request;
+}
+
+bool Modem3gpp2Profile::match(const FilterProfileParams& f) const {
+    if (!ModemProfile::match(f)) return false;
+    // An absent IP type reads as UNKNOWN here, which has no bits.
+    if (f.hasHomeIPType() &&
+        !matchIPType(f.getHomeIPType(), getCommonIPType(), f.getFilterMatchCriteria(), HomeIPSubset,
+                     HomeIPSuperset)) {
+        return false;
+    }
+    const bool asks3gppOnly = f.hasFilterByIsIAProfile() || f.hasFilterByIsKivProfile() ||
+                              f.hasRoamIPType() || f.hasMaxPdnsConnPerBlock() ||
+                              f.hasMaxPdnConnTimer() || f.hasPdnReqWaitInterval() ||
+                              f.hasIsApnDisabled() || f.hasIsEmergencySupported();
+    return !asks3gppOnly;
+}
+
+std::shared_ptr<ModemProfile> Modem3gpp2Profile::diff(const ModifyProfileParams& requested) const {
+    ProfileParams changes;
+    bool changed = false;
+    updateDiffParameters(requested, changes, changed);
+    if (requested.hasHomeIPType() &&
+        (!hasCommonIPType() || getCommonIPType() != requested.getHomeIPType())) {
+        changes.setHomeIPType(requested.getHomeIPType());
+        changed = true;
+    }
+    return changed ? std::make_shared<Modem3gpp2Profile>(changes) : nullptr;
+}
+
+ProfileParams Modem3gpp2Profile::get() const {
+    FilterProfileParams params;
+    updateGetParameters(params);
+    if (hasCommonIPType()) params.setHomeIPType(getCommonIPType());
+    return ProfileParams(params);
+}
+
+}  // namespace kiv
