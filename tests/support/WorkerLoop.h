@@ -1,0 +1,98 @@
+// Runs an EventManager loop on a worker thread, as the library does, and
+// lets a test run code on that thread and wait for it.
+#pragma once
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "EventManager.h"
+
+namespace kiv::test {
+
+class WorkerLoop {
+  public:
+    WorkerLoop() {
+        mCallFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        mEvents.addEventHandler(mCallFd, onCall, this, nullptr, EPOLLIN);
+        mThread = std::thread([this] {
+            while (mRunning) mEvents.processEvents();
+        });
+    }
+    ~WorkerLoop() {
+        run([this] { mRunning = false; });
+        mThread.join();
+        mEvents.removeEventHandler(mCallFd);
+        close(mCallFd);
+    }
+
+    EventManager& events() { return mEvents; }
+
+    // Runs f on the worker thread and returns its result.
+    template <typename F>
+    auto run(F f) -> decltype(f()) {
+        std::packaged_task<decltype(f())()> task(std::move(f));
+        auto result = task.get_future();
+        post([&task] { task(); });
+        return result.get();
+    }
+
+    // Returns once everything the worker had been signalled before the call
+    // has been handled: one pass may still be dispatching other descriptors
+    // when a call returns, the second call waits for that pass to end.
+    void sync() {
+        run([] {});
+        run([] {});
+    }
+
+    // Holds the worker until the returned function is called.
+    std::function<void()> hold() {
+        auto gate = std::make_shared<std::promise<void>>();
+        auto entered = std::make_shared<std::promise<void>>();
+        std::shared_future<void> open = gate->get_future().share();
+        post([open, entered] {
+            entered->set_value();
+            open.wait();
+        });
+        entered->get_future().wait();
+        return [gate] { gate->set_value(); };
+    }
+
+  private:
+    void post(std::function<void()> call) {
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            mCalls.push_back(std::move(call));
+        }
+        const uint64_t one = 1;
+        (void)!write(mCallFd, &one, sizeof(one));
+    }
+
+    // Runs only the calls posted before this pass: a call posted meanwhile
+    // waits for the next pass, after every other descriptor of this one.
+    static void onCall(int fd, void* data) {
+        auto* self = static_cast<WorkerLoop*>(data);
+        EventManager::clearRead(fd, nullptr);
+        std::deque<std::function<void()>> calls;
+        {
+            std::lock_guard<std::mutex> lock(self->mLock);
+            calls.swap(self->mCalls);
+        }
+        for (auto& call : calls) call();
+    }
+
+    EventManager mEvents;
+    int mCallFd = -1;
+    bool mRunning = true;  // worker thread only
+    std::thread mThread;
+    std::mutex mLock;
+    std::deque<std::function<void()>> mCalls;  // guarded by mLock
+};
+
+}  // namespace kiv::test
