@@ -4,6 +4,8 @@
 #include <limits>
 
 #include "LogWrapper.h"
+#include "Modem3gpp2Profile.h"
+#include "Modem3gppProfile.h"
 
 namespace kiv {
 
@@ -11,6 +13,8 @@ namespace {
 
 // Touched only on the worker thread.
 unsigned long sNextToken = 0;
+
+constexpr const char* kUnknownToken = "ProfileCache: token is not present or expired";
 
 }  // namespace
 
@@ -20,6 +24,246 @@ unsigned long ProfileCache::generateToken() {
         abort();
     }
     return sNextToken++;
+}
+
+ProfileCache::ProfileCache(EventManager& eventManager, int subscription,
+                           RequestFunction requestFunction)
+    : mRequestFunction(std::move(requestFunction)), mProxy(eventManager, subscription) {
+    mProfiles.max_load_factor(1.0f);
+    mProxy.registerProfileChangedInd([this](ProfileChangedInd ind) { onIndication(ind); });
+}
+
+ProfileCache::~ProfileCache() {
+    mPending.clear();
+    mProfiles.clear();
+}
+
+std::shared_ptr<IProfileKey> ProfileCache::makeKey(TechType techType, int profileId,
+                                                   unsigned long token) {
+    return std::make_shared<ProfileKey>(techType, profileId, token, mRequestFunction);
+}
+
+ProfileCache::ProfileMap::iterator ProfileCache::find(unsigned long token, LogLevel missingLevel) {
+    auto it = mProfiles.find(token);
+    if (it == mProfiles.end()) {
+        LogWrapper::getInstance().log(missingLevel, kLogTag, "%s", kUnknownToken);
+    }
+    return it;
+}
+
+ProfileCache::ProfileMap::iterator ProfileCache::find(const ProfileKey& key,
+                                                      LogLevel missingLevel) {
+    return find(key.getToken(), missingLevel);
+}
+
+void ProfileCache::expect(TechType techType, int profileId, ProfileChangedEvent event) {
+    mPending.push_back({techType, profileId, event});
+}
+
+bool ProfileCache::refresh() {
+    mProfiles.clear();
+    for (auto& profile : mProxy.getAllProfiles()) {
+        mProfiles.emplace(generateToken(), std::move(profile));
+    }
+    KLOGI("Refreshed Profiles:");
+    for (const auto& [token, profile] : mProfiles) {
+        KLOGI("%s", profile ? profile->dump().c_str() : "null");
+    }
+    return true;
+}
+
+std::shared_ptr<IProfileKey> ProfileCache::add(const AddProfileParams& params) {
+    // Taken first: a failed add consumes a token too.
+    const unsigned long token = generateToken();
+    std::shared_ptr<ModemProfile> profile;
+    switch (params.getTechType()) {
+        case TechType::TECH_3GPP2:
+            profile = std::make_shared<Modem3gpp2Profile>(params);
+            break;
+        case TechType::TECH_3GPP: {
+            auto threeGpp = std::make_shared<Modem3gppProfile>(params);
+            threeGpp->setProfileName(params.getIsIAProfile() ? kKivIAProfileName : kKivProfileName);
+            profile = std::move(threeGpp);
+            break;
+        }
+        default:
+            KLOGE("ProfileCache: failed to create profile");
+            return nullptr;
+    }
+    profile->setIsPersistent(params.getIsPersistent());
+    profile->setIsKivCreated(true);
+    if (!mProxy.add(*profile)) return nullptr;
+
+    profile->incRefCount();
+    mProfiles.emplace(token, profile);
+    // The modem echoes a creation with Create and then Modify.
+    expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Create);
+    expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
+    KLOGI("Added: %s", profile->dump().c_str());
+    return makeKey(params.getTechType(), profile->getProfileId(), token);
+}
+
+bool ProfileCache::modify(const ModifyProfileParams& params, std::shared_ptr<ProfileKey> key) {
+    if (!key) return false;
+    auto it = find(*key, LogLevel::Info);
+    if (it == mProfiles.end()) return false;
+    const auto& profile = it->second;
+    if (!profile) return true;
+
+    auto changes = profile->diff(params);
+    if (!changes) {
+        KLOGI("ProfileCache: profile is unchanged");
+        return true;
+    }
+    if (mProxy.modify(*changes, profile->getTechType(), profile->getProfileId())) {
+        profile->apply(changes);
+        KLOGI("Diff: %s", changes->dump().c_str());
+        expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
+    } else {
+        KLOGE("ProfileCache: failed to modify modem profile");
+    }
+    // The result says whether the key was valid, not whether the modem agreed.
+    return true;
+}
+
+bool ProfileCache::remove(std::shared_ptr<ProfileKey> key) {
+    if (!key) return false;
+    auto it = find(*key, LogLevel::Error);
+    if (it == mProfiles.end()) return false;
+    // An explicit delete deletes on the modem whoever else holds the profile.
+    if (!mProxy.remove(key->getTechType(), key->getProfileId())) {
+        KLOGE("ProfileCache: Failed to remove profile");
+        return false;
+    }
+    if (it->second) {
+        expect(it->second->getTechType(), it->second->getProfileId(), ProfileChangedEvent::Delete);
+    }
+    mProfiles.erase(it);
+    return true;
+}
+
+std::optional<ProfileParams> ProfileCache::get(std::shared_ptr<ProfileKey> key) {
+    if (!key) return std::nullopt;
+    auto it = find(*key, LogLevel::Error);
+    if (it == mProfiles.end() || !it->second) return std::nullopt;
+    return it->second->get();
+}
+
+bool ProfileCache::match(const FilterProfileParams& filter, std::shared_ptr<ProfileKey> key) {
+    if (!key) return false;
+    auto it = find(*key, LogLevel::Error);
+    if (it == mProfiles.end() || !it->second) return false;
+    return it->second->match(filter);
+}
+
+std::list<std::shared_ptr<IProfileKey>> ProfileCache::filter(const FilterProfileParams& filter) {
+    std::list<std::shared_ptr<IProfileKey>> keys;
+    for (const auto& [token, profile] : mProfiles) {
+        if (!profile) {
+            KLOGE("ProfileCache: null profile");
+            continue;
+        }
+        if (profile->match(filter)) {
+            profile->incRefCount();
+            keys.push_back(makeKey(profile->getTechType(), profile->getProfileId(), token));
+        }
+    }
+    return keys;
+}
+
+std::vector<std::string> ProfileCache::dump() const {
+    std::vector<std::string> lines;
+    lines.reserve(mProfiles.size() + mPending.size() + 2);
+    lines.emplace_back("Cache:");
+    for (const auto& [token, profile] : mProfiles) {
+        lines.push_back("  " + std::to_string(token) + ": " +
+                        (profile ? profile->dump() : std::string("null")));
+    }
+    lines.emplace_back("Pending:");
+    for (const auto& ind : mPending) lines.push_back("  " + ind.dump());
+    return lines;
+}
+
+void ProfileCache::onIndication(ProfileChangedInd ind) {
+    KLOGI("ProfileCache: onIndication < %s", ind.dump().c_str());
+    for (auto it = mPending.begin(); it != mPending.end(); ++it) {
+        if (*it == ind) {
+            KLOGI("ProfileCache: pending transaction confirmed");
+            mPending.erase(it);
+            return;
+        }
+    }
+    KLOGI("ProfileCache: updating cache due to indication!");
+    auto matches = [&ind](const std::shared_ptr<ModemProfile>& profile) {
+        return profile && profile->getTechType() == ind.techType &&
+               profile->getProfileId() == ind.profileId;
+    };
+    switch (ind.event) {
+        case ProfileChangedEvent::Create: {
+            const unsigned long token = generateToken();
+            mProfiles.emplace(token, mProxy.get(ind.techType, ind.profileId));
+            break;
+        }
+        case ProfileChangedEvent::Delete:
+            for (auto it = mProfiles.begin(); it != mProfiles.end();) {
+                it = matches(it->second) ? mProfiles.erase(it) : std::next(it);
+            }
+            break;
+        case ProfileChangedEvent::Modify:
+            for (auto& [token, profile] : mProfiles) {
+                // A fresh read replaces the object: count, flags and
+                // listeners are not carried over.
+                if (matches(profile)) profile = mProxy.get(ind.techType, ind.profileId);
+            }
+            break;
+        case ProfileChangedEvent::SubscriptionChange:
+        case ProfileChangedEvent::ProfileReady:
+            refresh();
+            break;
+        default:
+            KLOGE("Invalid ProfileChangedEvent");
+            break;
+    }
+}
+
+bool ProfileCache::registerExpirationListener(std::function<void()> listener,
+                                              std::weak_ptr<IProfileKey> key, unsigned long token) {
+    auto it = mProfiles.find(token);
+    KLOGV("ProfileCache: registerExpirationListener %d", static_cast<int>(token));
+    if (it == mProfiles.end()) {
+        KLOGE("%s", kUnknownToken);
+        return false;
+    }
+    if (it->second) it->second->registerExpirationListener(std::move(listener), std::move(key));
+    return false;
+}
+
+bool ProfileCache::releaseProfile(unsigned long token) {
+    KLOGI("ProfileCache: releaseProfile token=%d", static_cast<int>(token));
+    auto it = find(token, LogLevel::Error);
+    if (it == mProfiles.end()) return false;
+    const auto profile = it->second;
+    if (!profile) return false;
+
+    profile->clearExpiredListeners();
+    if (profile->getRefCount() >= 2) {
+        profile->decRefCount();
+        return true;
+    }
+    if (profile->getIsPersistent() || !profile->getIsKivCreated()) {
+        // Kept with its count: persistent and foreign profiles stay.
+        KLOGI("ProfileCache: ignoring non-persistent or non-kiv created");
+        return true;
+    }
+    if (!mProxy.remove(profile->getTechType(), profile->getProfileId())) {
+        KLOGE("ProfileCache: failed to release profile");
+        return false;
+    }
+    profile->decRefCount();
+    KLOGI("Released profile %d", profile->getProfileId());
+    expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Delete);
+    mProfiles.erase(it);
+    return true;
 }
 
 }  // namespace kiv

@@ -1,13 +1,75 @@
 #pragma once
 
+#include <functional>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "ClientRequest.h"
+#include "ClientResponse.h"
+#include "EventManager.h"
+#include "LogWriter.h"
+#include "ModemProfile.h"
+#include "ProfileChangedInd.h"
+#include "ProfileKey.h"
+#include "XalWdsProxy.h"
+
 namespace kiv {
 
-// The library's image of the modem's profile table.
+// The library's image of the modem's profile table: one shared ModemProfile
+// per modem profile under a token of its own. The only place where client
+// operations meet the modem. Lives on the worker thread; nothing here locks.
 class ProfileCache {
   public:
-    // A fresh token: process-wide, starting at 0, never reused. Called on the
-    // worker thread only.
+    // subscription goes to the proxy; requestFunction is copied into every
+    // key so that a dying key can post its release.
+    ProfileCache(EventManager& eventManager, int subscription, RequestFunction requestFunction);
+    ~ProfileCache();
+    ProfileCache(const ProfileCache&) = delete;
+    ProfileCache& operator=(const ProfileCache&) = delete;
+
+    // A fresh token: process-wide, starting at 0, never reused.
     static unsigned long generateToken();
+
+    // Rereads the whole table; every earlier token dies. Always true.
+    bool refresh();
+    std::shared_ptr<IProfileKey> add(const AddProfileParams& params);
+    // True when the key is valid, whether or not the modem took the change.
+    bool modify(const ModifyProfileParams& params, std::shared_ptr<ProfileKey> key);
+    bool remove(std::shared_ptr<ProfileKey> key);
+    std::optional<ProfileParams> get(std::shared_ptr<ProfileKey> key);
+    std::list<std::shared_ptr<IProfileKey>> filter(const FilterProfileParams& filter);
+    bool match(const FilterProfileParams& filter, std::shared_ptr<ProfileKey> key);
+    std::vector<std::string> dump() const;
+
+    // A modem announcement: an echo of an own operation is consumed, any
+    // other change is folded in.
+    void onIndication(ProfileChangedInd ind);
+
+    // Attaches a client's listener to the cached profile. Returns false in
+    // every case.
+    bool registerExpirationListener(std::function<void()> listener, std::weak_ptr<IProfileKey> key,
+                                    unsigned long token);
+    // One handle of the token died. The last handle of a non-persistent
+    // profile that the library created deletes it on the modem.
+    bool releaseProfile(unsigned long token);
+
+  private:
+    using ProfileMap = std::unordered_map<unsigned long, std::shared_ptr<ModemProfile>>;
+
+    std::shared_ptr<IProfileKey> makeKey(TechType techType, int profileId, unsigned long token);
+    // The entry of a key's token, or end() after logging at the given level.
+    ProfileMap::iterator find(const ProfileKey& key, LogLevel missingLevel);
+    ProfileMap::iterator find(unsigned long token, LogLevel missingLevel);
+    void expect(TechType techType, int profileId, ProfileChangedEvent event);
+
+    RequestFunction mRequestFunction;
+    XalWdsProxy mProxy;
+    ProfileMap mProfiles;
+    std::list<ProfileChangedInd> mPending;  // echoes of own operations, oldest first
 };
 
 }  // namespace kiv
