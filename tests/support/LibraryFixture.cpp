@@ -29,10 +29,11 @@ void LibraryFixture::waitForConnection(size_t count) {
 
 void LibraryFixture::settle() {
     ASSERT_TRUE(sim().waitForCallbacks());
-    // A dump is read on the worker after its current pass; the second one
-    // comes after any pass that the first one shared.
-    manager().dump();
-    manager().dump();
+    // Each request needs a wake-up of its own: the second one is handled in
+    // a pass after the one that handled the first, and so after every
+    // indication signalled before the first.
+    manager().match(FilterProfileParams(), nullptr);
+    manager().match(FilterProfileParams(), nullptr);
 }
 
 std::shared_ptr<IProfileKey> LibraryFixture::findOne(int profileId, TechType tech) {

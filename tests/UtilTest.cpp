@@ -1,0 +1,272 @@
+#include <gtest/gtest.h>
+
+#include "Conversions.h"
+#include "LibraryFixture.h"
+#include "Util.h"
+
+namespace kiv {
+namespace {
+
+// Modem profiles: 1 "internet" (V4V6, DEFAULT) and 2 "ims" (V6, IMS), both
+// persistent and not made by the library.
+class UtilFixture : public test::LibraryFixture {
+  protected:
+    static xalsim::Settings modem(uint8_t index,
+                                  wds_profile_type_enum_v01 type = WDS_PROFILE_TYPE_3GPP_V01) {
+        auto settings = sim().getProfile(type, index);
+        EXPECT_TRUE(settings) << "no modem profile " << int(index);
+        return settings.value_or(xalsim::emptySettings());
+    }
+    static ProfileParams apn(const std::string& name, std::optional<IPType> home = std::nullopt) {
+        ProfileParams params;
+        params.setApnName(name);
+        if (home) params.setHomeIPType(*home);
+        return params;
+    }
+    // Adds a profile straight to the modem and rereads the table.
+    int seed(const xalsim::Settings& settings,
+             wds_profile_type_enum_v01 type = WDS_PROFILE_TYPE_3GPP_V01) {
+        const int index = sim().seedProfile(type, settings);
+        manager().refresh(PDC_REFRESH_COMPLETED);
+        return index;
+    }
+    static uint64_t modemMask(uint32_t apnTypes) { return convertToXalApnTypeMask(apnTypes); }
+
+    Util util;
+};
+
+TEST_F(UtilFixture, Util_LteAttach_ExactAndLooseMatchesAreOverwritten) {
+    // Exact: the modem's own profile, overwritten with the caller's credentials.
+    ProfileParams params = apn("INTERNET", IPType::V4V6);
+    params.setUserName("user");
+    params.setMaxPdnConnTimer(60);
+    auto key = util.findOrCreateProfileForLteAttach(params);
+    ASSERT_TRUE(key);
+    EXPECT_EQ(key->getProfileId(), 1);
+    EXPECT_TRUE(log->contains("kiv Found an exact match modem or KIV IA profile for attach"));
+    EXPECT_STREQ(modem(1).username, "user");
+    EXPECT_EQ(modem(1).max_pdn_conn_timer, 60);
+
+    // Loose, update not allowed: a superset home type will do, left as it is.
+    log->clear();
+    key = util.findOrCreateProfileForLteAttach(apn("internet", IPType::V4));
+    ASSERT_TRUE(key);
+    EXPECT_EQ(key->getProfileId(), 1);
+    EXPECT_TRUE(log->contains("kiv Found a loose match profile for attach"));
+    EXPECT_TRUE(log->contains("It is KIV_IA profile or modem profile."));
+    EXPECT_EQ(modem(1).pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
+
+    // Loose, update allowed: IP types are not filtered and are written.
+    util.setProfileUpdateAllowed(true);
+    log->clear();
+    key = util.findOrCreateProfileForLteAttach(apn("internet", IPType::V6));
+    ASSERT_TRUE(key);
+    EXPECT_EQ(key->getProfileId(), 1);
+    EXPECT_TRUE(log->contains("kiv Found a loose match profile for attach"));
+    EXPECT_EQ(modem(1).pdp_type, WDS_PDP_TYPE_PDP_IPV6_V01);
+    EXPECT_EQ(sim().profiles().size(), 2u);
+}
+
+TEST_F(UtilFixture, Util_LteAttach_LibraryProfilesSkippedReusedOrCreated) {
+    // A library data profile that matches exactly is never chosen: one
+    // persistent attach profile is created instead.
+    AddProfileParams data(false, TechType::TECH_3GPP, false);
+    data.setApnName("attach");
+    data.setHomeIPType(IPType::V4);
+    auto dataKey = manager().addProfile(data);
+    ASSERT_TRUE(dataKey);
+    auto key = util.findOrCreateProfileForLteAttach(apn("attach", IPType::V4));
+    ASSERT_TRUE(key);
+    EXPECT_NE(key->getProfileId(), dataKey->getProfileId());
+    EXPECT_TRUE(log->contains("kiv KIV IA profile created for attach"));
+    const auto created = modem(static_cast<uint8_t>(key->getProfileId()));
+    EXPECT_STREQ(created.profile_name, "kiv_profile_ia");
+    EXPECT_EQ(created.persistent, 1);
+
+    // The attach profile is found again by its name, and takes new IP types.
+    log->clear();
+    auto again = util.findOrCreateProfileForLteAttach(apn("attach", IPType::V6));
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->getProfileId(), key->getProfileId());
+    EXPECT_TRUE(log->contains("kiv Found a KIV IA profile that matches APN name for attach"));
+    EXPECT_EQ(modem(static_cast<uint8_t>(key->getProfileId())).pdp_type, WDS_PDP_TYPE_PDP_IPV6_V01);
+
+    // Any attach profile of the library is renamed rather than a second made.
+    log->clear();
+    auto renamed = util.findOrCreateProfileForLteAttach(apn("elsewhere", IPType::V6));
+    ASSERT_TRUE(renamed);
+    EXPECT_EQ(renamed->getProfileId(), key->getProfileId());
+    EXPECT_TRUE(log->contains("kiv Found any KIV IA profile for attach"));
+    EXPECT_STREQ(modem(static_cast<uint8_t>(key->getProfileId())).apn_name, "elsewhere");
+
+    // Without an APN name every stage searches without one.
+    log->clear();
+    EXPECT_TRUE(util.findOrCreateProfileForLteAttach(ProfileParams()));
+    EXPECT_TRUE(log->contains("kiv NULL apn scenario"));
+    EXPECT_EQ(sim().profiles().size(), 4u);
+}
+
+TEST_F(UtilFixture, Util_MatchLteAttachProfileId_RelaxedOnlyForModemProfiles) {
+    EXPECT_TRUE(util.matchLteAttachProfileId(1, apn("internet", IPType::V4)));
+    EXPECT_TRUE(log->contains("kiv matchLteAttachList < 1"));
+    EXPECT_FALSE(util.matchLteAttachProfileId(1, apn("other")));
+    EXPECT_FALSE(util.matchLteAttachProfileId(9, apn("internet")));
+    EXPECT_TRUE(log->contains("kiv matchLteAttachProfileId < did not match input params"));
+    util.setProfileUpdateAllowed(true);
+    EXPECT_FALSE(util.matchLteAttachProfileId(1, apn("internet", IPType::V4)));
+    EXPECT_TRUE(util.matchLteAttachProfileId(1, apn("internet", IPType::V4V6)));
+
+    auto data =
+            manager().addProfile(AddProfileParams(apn("data"), false, TechType::TECH_3GPP, false));
+    ASSERT_TRUE(data);
+    EXPECT_FALSE(util.matchLteAttachProfileId(data->getProfileId(), apn("data")));
+    EXPECT_TRUE(
+            log->contains("Profile id 3 is a KIV profile which is not an IA profile, cannot "
+                          "be used for attach"));
+}
+
+TEST_F(UtilFixture, Util_SetupDataCall_SearchesThenCreatesTemporary) {
+    // Not allowed: home V4 has no exact match; the relaxed search finds V4V6.
+    auto key = util.findOrCreateProfileForSetupDataCall(TechType::TECH_3GPP,
+                                                        apn("internet", IPType::V4));
+    ASSERT_TRUE(key);
+    EXPECT_EQ(key->getProfileId(), 1);
+    EXPECT_TRUE(log->contains("found existing setupDataCall profile"));
+    EXPECT_EQ(modem(1).pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
+
+    // The user name takes part only for 3GPP2.
+    ProfileParams withUser = apn("internet");
+    withUser.setUserName("someone");
+    key = util.findOrCreateProfileForSetupDataCall(TechType::TECH_3GPP, withUser);
+    ASSERT_TRUE(key);
+    EXPECT_EQ(key->getProfileId(), 1);
+    auto cdma = xalsim::make3gpp2Settings("cdma", WDS_PROFILE_PDN_TYPE_IPV4_V01, true);
+    xalsim::setText(cdma.user_id_valid, cdma.user_id, "owner");
+    ASSERT_EQ(seed(cdma, WDS_PROFILE_TYPE_3GPP2_V01), 101);
+    ProfileParams other = apn("cdma");
+    other.setUserName("someone");
+    key = util.findOrCreateProfileForSetupDataCall(TechType::TECH_3GPP2, other);
+    ASSERT_TRUE(key);
+    EXPECT_EQ(key->getProfileId(), 102);  // created: the user differs
+    EXPECT_TRUE(log->contains("setupDataCall profile added"));
+    EXPECT_EQ(modem(102, WDS_PROFILE_TYPE_3GPP2_V01).persistent, 0);
+    key.reset();  // temporary: gone with its key
+    EXPECT_FALSE(sim().getProfile(WDS_PROFILE_TYPE_3GPP2_V01, 102));
+
+    // Allowed: found by name and technology alone, then overwritten.
+    util.setProfileUpdateAllowed(true);
+    ProfileParams rewrite = apn("internet", IPType::V6);
+    rewrite.setPassword("secret");
+    key = util.findOrCreateProfileForSetupDataCall(TechType::TECH_3GPP, rewrite);
+    ASSERT_TRUE(key);
+    EXPECT_EQ(key->getProfileId(), 1);
+    EXPECT_TRUE(log->contains("Modifying profile with input parameters"));
+    EXPECT_EQ(modem(1).pdp_type, WDS_PDP_TYPE_PDP_IPV6_V01);
+    EXPECT_STREQ(modem(1).password, "secret");
+}
+
+TEST_F(UtilFixture, Util_EmergencyDataCall_ByNameBySupportOrCreatedPersistent) {
+    ProfileParams params = apn("sos");
+    params.setApnTypesMask(APN_TYPE_DEFAULT);
+    auto key = util.findOrCreateProfileForEmergencyDataCall(params);
+    ASSERT_TRUE(key);
+    EXPECT_TRUE(log->contains("emergency profile created"));
+    const auto created = modem(static_cast<uint8_t>(key->getProfileId()));
+    EXPECT_EQ(created.persistent, 1);
+    EXPECT_EQ(created.support_emergency_calls, 1);
+    EXPECT_EQ(created.apn_type_mask, modemMask(APN_TYPE_EMERGENCY));
+    EXPECT_STREQ(created.apn_name, "sos");
+
+    log->clear();
+    auto byName = util.findOrCreateProfileForEmergencyDataCall(apn("SOS"));
+    ASSERT_TRUE(byName);
+    EXPECT_EQ(byName->getProfileId(), key->getProfileId());
+    EXPECT_TRUE(log->contains("found an emergency profile by name"));
+
+    log->clear();
+    auto bySupport = util.findOrCreateProfileForEmergencyDataCall(ProfileParams());
+    ASSERT_TRUE(bySupport);
+    EXPECT_EQ(bySupport->getProfileId(), key->getProfileId());
+    EXPECT_TRUE(log->contains("found a profile that supports emergency calls"));
+    EXPECT_FALSE(log->contains("found an emergency profile by name"));
+    EXPECT_EQ(sim().profiles().size(), 3u);
+}
+
+TEST_F(UtilFixture, Util_ApnClass_ModifiesEveryMatchOrCreatesOnePersistent) {
+    auto inet = xalsim::make3gppSettings("second", "second", WDS_PDP_TYPE_PDP_IPV4_V01, 1, true);
+    inet.apn_class_valid = 1;
+    inet.apn_class = static_cast<uint8_t>(ApnClass::INET);
+    const int first = seed(inet);
+    const int second = seed(inet);
+
+    ProfileParams inetClass = apn("carrier.inet");
+    inetClass.setApnClass(ApnClass::INET);
+    ProfileParams imsClass = apn("carrier.ims");
+    imsClass.setApnClass(ApnClass::IMS);
+    util.updateModemProfileByApnClass({inetClass, apn("no.class")}, {imsClass});
+    EXPECT_STREQ(modem(static_cast<uint8_t>(first)).apn_name, "carrier.inet");
+    EXPECT_STREQ(modem(static_cast<uint8_t>(second)).apn_name, "carrier.inet");
+    EXPECT_TRUE(log->contains("kiv either tech type or apn class is missing"));
+    const auto created = modem(101, WDS_PROFILE_TYPE_3GPP2_V01);
+    EXPECT_STREQ(created.apn_string, "carrier.ims");
+    EXPECT_EQ(created.apn_class_3gpp2, static_cast<uint8_t>(ApnClass::IMS));
+    EXPECT_EQ(created.persistent, 1);
+    EXPECT_EQ(sim().profiles().size(), 5u);
+    EXPECT_TRUE(log->contains("kiv updateModemProfileByApnClass < OK"));
+}
+
+TEST_F(UtilFixture, Util_ApnTypes_MergedPerNameAndFallBackAcrossIPFamilies) {
+    auto record = [](const std::string& name, std::optional<uint32_t> mask,
+                     std::optional<IPType> home) {
+        ProfileParams params = apn(name, home);
+        if (mask) params.setApnTypesMask(*mask);
+        return params;
+    };
+    // "IMS" and "ims" are one name, both V6: merged onto the V6 profile.
+    // "internet" V4 has no V4 profile: it lands on the V4V6 one. A record
+    // with neither mask nor IP type counts as V4V6 and contributes nothing.
+    util.updateAPNTypeBitmaskOnModemProfile({
+            record("IMS", APN_TYPE_IMS | APN_TYPE_XCAP, IPType::V6),
+            record("ims", APN_TYPE_MMS, IPType::V6),
+            record("internet", APN_TYPE_DEFAULT | APN_TYPE_SUPL, IPType::V4),
+            record("internet", std::nullopt, std::nullopt),
+    });
+    EXPECT_EQ(modem(2).apn_type_mask, modemMask(APN_TYPE_IMS | APN_TYPE_XCAP | APN_TYPE_MMS));
+    EXPECT_EQ(modem(1).apn_type_mask, modemMask(APN_TYPE_DEFAULT | APN_TYPE_SUPL));
+    EXPECT_TRUE(log->contains("kiv APN type mask not present, setting to 0"));
+    EXPECT_TRUE(log->contains("kiv Home IP type not present, setting to v4v6"));
+    EXPECT_TRUE(
+            log->contains("kiv processing APN name ims, V4 mask:0x0, v6 mask0x842:, "
+                          "v4v6 mask:0x0"));
+
+    // No V4 and no V4V6 profile: the V4 and V4V6 types end on the V6 profile.
+    const int v6 = seed(xalsim::make3gppSettings("fb", "fb", WDS_PDP_TYPE_PDP_IPV6_V01, 0, true));
+    util.updateAPNTypeBitmaskOnModemProfile(
+            {record("fb", APN_TYPE_DUN, IPType::V4), record("fb", APN_TYPE_CBS, IPType::V4V6)});
+    EXPECT_EQ(modem(static_cast<uint8_t>(v6)).apn_type_mask,
+              modemMask(APN_TYPE_DUN | APN_TYPE_CBS));
+
+    // Allowed: the union goes onto every profile with the name, any
+    // technology and IP type.
+    seed(xalsim::make3gpp2Settings("internet", WDS_PROFILE_PDN_TYPE_IPV4_V01, true),
+         WDS_PROFILE_TYPE_3GPP2_V01);
+    util.setProfileUpdateAllowed(true);
+    util.updateAPNTypeBitmaskOnModemProfile({record("internet", APN_TYPE_FOTA, IPType::V6),
+                                             record("Internet", APN_TYPE_HIPRI, IPType::V4)});
+    const uint64_t both = modemMask(APN_TYPE_FOTA | APN_TYPE_HIPRI);
+    EXPECT_EQ(modem(1).apn_type_mask, both);
+    EXPECT_EQ(modem(101, WDS_PROFILE_TYPE_3GPP2_V01).apn_type_mask, both);
+    EXPECT_EQ(modem(2).apn_type_mask, modemMask(APN_TYPE_IMS | APN_TYPE_XCAP | APN_TYPE_MMS));
+}
+
+TEST_F(UtilFixture, Util_UpdateByTechType_ZeroMasksSendNothing) {
+    const auto modifies = sim().requestCount(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01);
+    util.handleProfileUpdateByTechType(TechType::TECH_3GPP, 0, 0, 0, "internet");
+    EXPECT_EQ(sim().requestCount(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01), modifies);
+    EXPECT_FALSE(util.updateByIpType(TechType::TECH_3GPP, IPType::V4, 1, "internet"));
+    EXPECT_TRUE(log->contains("kiv no match found for apn name:internet, ip type:1, tech type:0"));
+    EXPECT_TRUE(util.updateByIpType(TechType::TECH_3GPP, IPType::V4V6, 1, "internet"));
+}
+
+}  // namespace
+}  // namespace kiv
