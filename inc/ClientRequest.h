@@ -25,6 +25,7 @@ enum class ReqRespType : uint32_t {
     Callback = 6,
     Refresh = 7,
 };
+std::string toString(ReqRespType type);
 std::ostream& operator<<(std::ostream& os, ReqRespType type);
 
 // Phase of a modem configuration refresh: 0 started, any other value completed.

@@ -15,6 +15,7 @@
 namespace kiv {
 
 enum class Status : uint32_t { Success = 0, Failure = 1 };
+std::string toString(Status status);
 std::ostream& operator<<(std::ostream& os, Status status);
 
 class ClientResponse {

@@ -47,14 +47,22 @@ enum FilterMatchType : uint32_t {
     RoamIPSuperset = 0x20,
 };
 
-// Printers: the names of known values, the decimal number of any other.
+// Texts: the names of known values, the decimal number of any other.
+std::string toString(TechType value);
+std::string toString(IPType value);
+std::string toString(AuthType value);
+std::string toString(ApnClass value);
+// "NONE" for 0, else the text of every known bit in ascending order ("DEFAULT|IMS|").
+std::string toString(ApnTypes mask);
+// "None" for 0, else the text of every known bit in ascending order.
+std::string toString(FilterMatchType mask);
+
+// Printers writing the texts above.
 std::ostream& operator<<(std::ostream& os, TechType value);
 std::ostream& operator<<(std::ostream& os, IPType value);
 std::ostream& operator<<(std::ostream& os, AuthType value);
 std::ostream& operator<<(std::ostream& os, ApnClass value);
-// "NONE" for 0, else the text of every known bit in ascending order ("DEFAULT|IMS|").
 std::ostream& operator<<(std::ostream& os, ApnTypes mask);
-// "None" for 0, else the text of every known bit in ascending order.
 std::ostream& operator<<(std::ostream& os, FilterMatchType mask);
 
 // One data profile. Every field is optional: an absent field was not given by

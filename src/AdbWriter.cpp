@@ -4,6 +4,8 @@
 
 #include <iterator>
 
+#include "LogWrapper.h"
+
 namespace kiv {
 
 int AdbWriter::convertPrio(LogLevel level) {
@@ -11,6 +13,10 @@ int AdbWriter::convertPrio(LogLevel level) {
                                           ANDROID_LOG_ERROR,   ANDROID_LOG_FATAL, ANDROID_LOG_INFO};
     const auto index = static_cast<uint32_t>(level);
     return index < std::size(kPriorities) ? kPriorities[index] : ANDROID_LOG_INFO;
+}
+
+bool AdbWriter::isLoggable(LogLevel level) {
+    return __android_log_is_loggable(convertPrio(level), kLogTag, ANDROID_LOG_VERBOSE) != 0;
 }
 
 void AdbWriter::write(LogLevel level, std::string tag, std::string message) {

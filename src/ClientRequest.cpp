@@ -1,41 +1,46 @@
 #include "ClientRequest.h"
 
-#include <sstream>
+#include <iterator>
 
 namespace kiv {
 
-namespace {
-
-std::string keyText(const std::shared_ptr<IProfileKey>& key) {
-    return key ? key->dump() : std::string();
-}
-
-}  // namespace
-
-std::ostream& operator<<(std::ostream& os, ReqRespType type) {
+std::string toString(ReqRespType type) {
     static constexpr const char* kNames[] = {"Add",   "Modify", "Delete",   "Filter",
                                              "Match", "Get",    "Callback", "Refresh"};
     const auto raw = static_cast<uint32_t>(type);
-    if (raw < std::size(kNames)) return os << kNames[raw];
-    return os << raw;
+    return raw < std::size(kNames) ? kNames[raw] : std::to_string(raw);
+}
+
+std::ostream& operator<<(std::ostream& os, ReqRespType type) {
+    return os << toString(type);
 }
 
 std::string ClientRequest::dump() const {
-    std::ostringstream os;
-    os << mType << " ";
-    return os.str();
+    std::string out;
+    out.reserve(160);
+    out.append(toString(mType)).append(" ");
+    return out;
 }
+
+namespace {
+
+std::string withKey(std::string out, const std::shared_ptr<IProfileKey>& key) {
+    if (key) out += key->dump();
+    return out;
+}
+
+}  // namespace
 
 std::string AddRequest::dump() const {
     return ClientRequest::dump() + mParams.dump();
 }
 
 std::string ModifyRequest::dump() const {
-    return ClientRequest::dump() + keyText(mKey) + " " + mParams.ProfileParams::dump();
+    return withKey(ClientRequest::dump(), mKey) + " " + mParams.ProfileParams::dump();
 }
 
 std::string DeleteRequest::dump() const {
-    return ClientRequest::dump() + keyText(mKey);
+    return withKey(ClientRequest::dump(), mKey);
 }
 
 std::string FilterRequest::dump() const {
@@ -43,23 +48,23 @@ std::string FilterRequest::dump() const {
 }
 
 std::string MatchRequest::dump() const {
-    return ClientRequest::dump() + keyText(mKey) + " " + mParams.dump();
+    return withKey(ClientRequest::dump(), mKey) + " " + mParams.dump();
 }
 
 std::string GetRequest::dump() const {
-    return ClientRequest::dump() + keyText(mKey);
+    return withKey(ClientRequest::dump(), mKey);
 }
 
 std::string CallbackRequest::dump() const {
-    std::ostringstream os;
-    os << ClientRequest::dump();
+    std::string out = ClientRequest::dump();
     if (mReleaseToken) {
-        os << "Release " << *mReleaseToken;
+        out += "Release " + std::to_string(*mReleaseToken);
     } else if (hasExpirationInfo()) {
         const auto key = mExpirationKey->lock();
-        os << "Register " << (key ? key->dump() : std::string("null")) << *mExpirationToken;
+        out += "Register " + (key ? key->dump() : std::string("null")) +
+               std::to_string(*mExpirationToken);
     }
-    return os.str();
+    return out;
 }
 
 }  // namespace kiv

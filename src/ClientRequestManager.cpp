@@ -176,17 +176,18 @@ std::shared_ptr<ClientResponse> ClientRequestManager::processClientRequest(
     }
 
     std::unique_lock<std::mutex> lock(mLock);
-    const uint64_t ticket = mNextTicket++;
-    mCondition.wait(lock, [&] { return mServing == ticket; });
-    std::shared_ptr<ClientResponse> response;
-    if (wakeWorker()) {
-        mRequest = std::move(request);
-        mCondition.wait(lock, [this] { return mResponse != nullptr; });
-        response = std::move(mResponse);
+    Caller me;
+    mCallers.push_back(&me);
+    me.turn.wait(lock, [&] { return mCallers.front() == &me; });
+    if (!wakeWorker()) {
+        mCallers.pop_front();
+        if (!mCallers.empty()) mCallers.front()->turn.notify_one();
+        return nullptr;
     }
-    ++mServing;
-    mCondition.notify_all();
-    return response;
+    mRequest = std::move(request);
+    // The worker takes this caller off the queue when it answers.
+    me.turn.wait(lock, [&] { return me.answered; });
+    return std::move(me.response);
 }
 
 void ClientRequestManager::handleClientRequest(int fd, void* arg) {
@@ -201,14 +202,20 @@ void ClientRequestManager::handleClientRequest(int fd, void* arg) {
         return;
     }
     std::lock_guard<std::mutex> lock(self->mLock);
-    if (!self->mRequest) {
-        self->mCondition.notify_all();
-        return;
-    }
+    // The caller being served is the front one; no request in the slot
+    // (a wake-up for other work) wakes nobody.
+    if (!self->mRequest) return;
     KLOGW("Handling %s", self->mRequest->dump().c_str());
-    self->mResponse = self->execute(self->mRequest);
+    auto response = self->execute(self->mRequest);
     self->mRequest.reset();
-    self->mCondition.notify_all();
+    Caller* served = self->mCallers.front();
+    self->mCallers.pop_front();
+    served->response = std::move(response);
+    served->answered = true;
+    // Both wake-ups happen under the lock: neither caller can leave (and
+    // take its condition variable with it) before the lock is released.
+    served->turn.notify_one();
+    if (!self->mCallers.empty()) self->mCallers.front()->turn.notify_one();
 }
 
 std::shared_ptr<ClientResponse> ClientRequestManager::execute(

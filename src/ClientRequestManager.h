@@ -55,14 +55,21 @@ class ClientRequestManager {
     void runWorkerTasks();
     bool wakeWorker();
 
-    std::shared_ptr<ClientRequest> mRequest;    // guarded by mLock
-    std::shared_ptr<ClientResponse> mResponse;  // guarded by mLock
+    // One waiting caller: its own wake-up and the slot its answer goes to.
+    struct Caller {
+        std::condition_variable turn;
+        std::shared_ptr<ClientResponse> response;
+        bool answered = false;
+    };
+
+    std::shared_ptr<ClientRequest> mRequest;  // guarded by mLock
     // Held by the worker for the whole execution of a request, cache and
     // modem calls included.
     std::mutex mLock;
-    std::condition_variable mCondition;
-    uint64_t mNextTicket = 0;         // guarded by mLock: callers in arrival order
-    uint64_t mServing = 0;            // guarded by mLock: the ticket being served
+    // Callers in arrival order; the front one is being served. The worker
+    // answers it and wakes the next one itself, so that the next request is
+    // handed over without waiting for the answered caller to run.
+    std::deque<Caller*> mCallers;     // guarded by mLock
     bool mRefreshInProgress = false;  // guarded by mLock
 
     std::mutex mTasksLock;

@@ -1,27 +1,33 @@
 #include "ClientResponse.h"
 
-#include <sstream>
-
 namespace kiv {
 
-std::ostream& operator<<(std::ostream& os, Status status) {
+std::string toString(Status status) {
     switch (status) {
         case Status::Success:
-            return os << "Success";
+            return "Success";
         case Status::Failure:
-            return os << "Failure";
+            return "Failure";
     }
-    return os << static_cast<uint32_t>(status);
+    return std::to_string(static_cast<uint32_t>(status));
+}
+
+std::ostream& operator<<(std::ostream& os, Status status) {
+    return os << toString(status);
 }
 
 std::string ClientResponse::dump() const {
-    std::ostringstream os;
-    os << mType << " " << mStatus;
-    return os.str();
+    std::string out;
+    out.reserve(160);
+    out.append(toString(mType)).append(" ").append(toString(mStatus));
+    return out;
 }
 
 std::string AddResponse::dump() const {
-    return ClientResponse::dump() + " " + (mKey ? mKey->dump() : std::string());
+    std::string out = ClientResponse::dump();
+    out += ' ';
+    if (mKey) out += mKey->dump();
+    return out;
 }
 
 std::string FilterResponse::dump() const {
@@ -37,7 +43,10 @@ std::string MatchResponse::dump() const {
 }
 
 std::string GetResponse::dump() const {
-    return ClientResponse::dump() + " " + (mParams ? mParams->dump() : std::string());
+    std::string out = ClientResponse::dump();
+    out += ' ';
+    if (mParams) out += mParams->dump();
+    return out;
 }
 
 }  // namespace kiv

@@ -2,7 +2,6 @@
 
 #include <sys/time.h>
 
-#include <cstdio>
 #include <ctime>
 
 namespace kiv {
@@ -18,16 +17,25 @@ LocalLogBuffer& LocalLogBuffer::getInstance() {
 void LocalLogBuffer::addLogWithTimestamp(std::string message) {
     struct timeval now {};
     gettimeofday(&now, nullptr);
-    struct tm local {};
-    localtime_r(&now.tv_sec, &local);
-    char dateTime[50] = {};
-    strftime(dateTime, sizeof(dateTime), "%F %X", &local);
-    char stamp[100] = {};
-    snprintf(stamp, sizeof(stamp), "%s.%03d", dateTime, static_cast<int>(now.tv_usec / 1000));
+    // The date and time change once a second: each thread formats them anew
+    // only then.
+    thread_local time_t sSecond = -1;
+    thread_local char sDateTime[50] = {};
+    if (now.tv_sec != sSecond) {
+        struct tm local {};
+        localtime_r(&now.tv_sec, &local);
+        strftime(sDateTime, sizeof(sDateTime), "%F %X", &local);
+        sSecond = now.tv_sec;
+    }
+    const int millis = static_cast<int>(now.tv_usec / 1000);
+    const char fraction[] = {'.', static_cast<char>('0' + millis / 100),
+                             static_cast<char>('0' + millis / 10 % 10),
+                             static_cast<char>('0' + millis % 10)};
 
     std::string line;
     line.reserve(4 + 24 + 3 + mName.size() + message.size());
-    line.append("    ").append(stamp).append(" [").append(mName).append("]").append(message);
+    line.append("    ").append(sDateTime).append(fraction, sizeof(fraction));
+    line.append(" [").append(mName).append("]").append(message);
 
     std::lock_guard<std::mutex> lock(mLock);
     // Eviction stops at the capacity before the insertion, so the buffer

@@ -33,7 +33,25 @@ std::shared_ptr<LogWriter> LogWrapper::currentWriter() {
     return mWriter;
 }
 
+namespace {
+
+bool keptInHistory(LogLevel level) {
+    return level == LogLevel::Info || level == LogLevel::Error;
+}
+
+}  // namespace
+
+bool LogWrapper::isLoggable(LogLevel level) {
+    if (keptInHistory(level)) return true;
+    std::lock_guard<std::mutex> lock(mWriterLock);
+    return mWriter && mWriter->isLoggable(level);
+}
+
 void LogWrapper::log(LogLevel level, const char* tag, const char* format, ...) {
+    auto writer = currentWriter();
+    const bool toWriter = writer && writer->isLoggable(level);
+    if (!toWriter && !keptInHistory(level)) return;
+
     std::string tagText(tag != nullptr ? tag : "");
     char buffer[kMaxMessage + 1] = {};
     if (format != nullptr) {
@@ -44,8 +62,19 @@ void LogWrapper::log(LogLevel level, const char* tag, const char* format, ...) {
     }
     std::string message(buffer);
 
-    if (auto writer = currentWriter()) writer->write(level, tagText, message);
-    if (level == LogLevel::Info || level == LogLevel::Error) {
+    if (toWriter) writer->write(level, tagText, message);
+    if (keptInHistory(level)) {
+        LocalLogBuffer::getInstance().addLogWithTimestamp(std::move(message));
+    }
+}
+
+void LogWrapper::logMessage(LogLevel level, const char* tag, std::string message) {
+    auto writer = currentWriter();
+    const bool toWriter = writer && writer->isLoggable(level);
+    if (!toWriter && !keptInHistory(level)) return;
+    if (message.size() > kMaxMessage - 1) message.resize(kMaxMessage - 1);
+    if (toWriter) writer->write(level, tag != nullptr ? tag : "", message);
+    if (keptInHistory(level)) {
         LocalLogBuffer::getInstance().addLogWithTimestamp(std::move(message));
     }
 }

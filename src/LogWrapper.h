@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "LogWriter.h"
 
@@ -25,6 +26,14 @@ class LogWrapper {
     void log(LogLevel level, const char* tag, const char* format, ...)
             __attribute__((format(printf, 4, 5)));
 
+    // The same for a message already built: cut at 511 characters, not
+    // formatted.
+    void logMessage(LogLevel level, const char* tag, std::string message);
+
+    // Whether a line of this level goes anywhere: to the local history
+    // (Error and Info) or to a sink that takes it.
+    bool isLoggable(LogLevel level);
+
   private:
     LogWrapper() = default;
 
@@ -36,9 +45,15 @@ class LogWrapper {
 
 }  // namespace kiv
 
-// The library's log lines, all with the tag "KIV".
-#define KLOG(level, ...) \
-    ::kiv::LogWrapper::getInstance().log(::kiv::LogLevel::level, ::kiv::kLogTag, __VA_ARGS__)
+// The library's log lines, all with the tag "KIV". The arguments are not
+// evaluated for a line that goes nowhere.
+#define KLOG(level, ...)                                                     \
+    do {                                                                     \
+        auto& kivLog = ::kiv::LogWrapper::getInstance();                     \
+        if (kivLog.isLoggable(::kiv::LogLevel::level)) {                     \
+            kivLog.log(::kiv::LogLevel::level, ::kiv::kLogTag, __VA_ARGS__); \
+        }                                                                    \
+    } while (0)
 #define KLOGV(...) KLOG(Verbose, __VA_ARGS__)
 #define KLOGD(...) KLOG(Debug, __VA_ARGS__)
 #define KLOGW(...) KLOG(Warning, __VA_ARGS__)

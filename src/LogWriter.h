@@ -22,6 +22,9 @@ class LogWriter {
     virtual void write(LogLevel level, std::string tag, std::string message) = 0;
     // The sink's own priority for a level.
     virtual int convertPrio(LogLevel level) = 0;
+    // Whether the sink takes lines of this level at all; lines it does not
+    // take are not even formatted (unless the local history keeps them).
+    virtual bool isLoggable(LogLevel /*level*/) { return true; }
 };
 
 }  // namespace kiv

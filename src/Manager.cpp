@@ -40,9 +40,17 @@ void Manager::init(int param, bool adbLog) {
 // response is not a Response.
 template <typename Response, typename Request>
 std::shared_ptr<Response> Manager::call(const char* name, std::shared_ptr<Request> request) {
-    KLOGI("Manager::%s > %s", name, request->dump().c_str());
+    // "Manager::<name> > <request>" and "Manager::<name> < <response>",
+    // built directly: these two lines are on every call's path.
+    auto& log = LogWrapper::getInstance();
+    log.logMessage(LogLevel::Info, kLogTag,
+                   std::string("Manager::").append(name).append(" > ").append(request->dump()));
     auto response = mRequestManager->processClientRequest(request);
-    KLOGI("Manager::%s < %s", name, response ? response->dump().c_str() : "");
+    log.logMessage(LogLevel::Info, kLogTag,
+                   std::string("Manager::")
+                           .append(name)
+                           .append(" < ")
+                           .append(response ? response->dump() : std::string()));
     return std::dynamic_pointer_cast<Response>(response);
 }
 

@@ -1,7 +1,5 @@
 #include "Modem3gppProfile.h"
 
-#include <sstream>
-
 #include "Conversions.h"
 #include "LogWrapper.h"
 
@@ -318,18 +316,23 @@ ProfileParams Modem3gppProfile::get() const {
 }
 
 std::string Modem3gppProfile::dump() const {
-    std::ostringstream os;
-    os << std::boolalpha << ModemProfile::dump();
-    if (mOverrideHomeIPType) os << "OverrideHomeIPType=" << *mOverrideHomeIPType << ",";
-    if (mLteRoamIPType) os << "LteRoamIP=" << *mLteRoamIPType << ",";
-    if (mUmtsRoamIPType) os << "UmtsRoamIP=" << *mUmtsRoamIPType << ",";
-    if (mMaxPdnsConnPerBlock) os << "MaxPdnsConnPerBlock=" << *mMaxPdnsConnPerBlock << ",";
-    if (mMaxPdnConnTimer) os << "MaxPdnConnTimer=" << *mMaxPdnConnTimer << ",";
-    if (mPdnReqWaitInterval) os << "PdnReqWaitInterval=" << *mPdnReqWaitInterval << ",";
-    if (mApnDisabled) os << "IsApnDisabled=" << *mApnDisabled << ",";
-    if (mEmergencySupported) os << "IsEmergencySupported=" << *mEmergencySupported << ",";
-    if (mProfileName) os << "ProfileName=" << *mProfileName << ",";
-    return os.str();
+    std::string out = ModemProfile::dump();
+    auto number = [&out](const char* label, const std::optional<int>& value) {
+        if (value) appendItem(out, label, std::to_string(*value));
+    };
+    auto flag = [&out](const char* label, const std::optional<bool>& value) {
+        if (value) appendItem(out, label, *value ? "true" : "false");
+    };
+    if (mOverrideHomeIPType) appendItem(out, "OverrideHomeIPType=", toString(*mOverrideHomeIPType));
+    if (mLteRoamIPType) appendItem(out, "LteRoamIP=", toString(*mLteRoamIPType));
+    if (mUmtsRoamIPType) appendItem(out, "UmtsRoamIP=", toString(*mUmtsRoamIPType));
+    number("MaxPdnsConnPerBlock=", mMaxPdnsConnPerBlock);
+    number("MaxPdnConnTimer=", mMaxPdnConnTimer);
+    number("PdnReqWaitInterval=", mPdnReqWaitInterval);
+    flag("IsApnDisabled=", mApnDisabled);
+    flag("IsEmergencySupported=", mEmergencySupported);
+    if (mProfileName) appendItem(out, "ProfileName=", *mProfileName);
+    return out;
 }
 
 }  // namespace kiv

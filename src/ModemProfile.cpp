@@ -1,7 +1,5 @@
 #include "ModemProfile.h"
 
-#include <sstream>
-
 #include "Conversions.h"
 #include "LogWrapper.h"
 
@@ -188,19 +186,24 @@ void ModemProfile::updateGetParameters(FilterProfileParams& params) const {
     if (mClatEnabled) params.setIsClatEnabled(*mClatEnabled);
 }
 
+void appendItem(std::string& out, const char* label, const std::string& value) {
+    out.append(label).append(value).push_back(',');
+}
+
 std::string ModemProfile::dump() const {
-    std::ostringstream os;
-    os << std::boolalpha;
-    os << "TechType=" << mTechType << ",ProfileId=" << mProfileId << ",";
-    if (mApnName) os << "ApnName=" << *mApnName << ",";
-    if (mUserName) os << "UserName=" << *mUserName << ",";
-    if (mPassword) os << "Password=" << *mPassword << ",";
-    if (mAuthType) os << "AuthType=" << *mAuthType << ",";
-    if (mCommonIPType) os << "CommonIPType=" << *mCommonIPType << ",";
-    if (mApnTypesMask) os << "ApnTypesMask=" << *mApnTypesMask << ",";
-    if (mApnClass) os << "ApnClass=" << *mApnClass << ",";
-    if (mClatEnabled) os << "IsClatEnabled=" << *mClatEnabled << ",";
-    return os.str();
+    std::string out;
+    out.reserve(160);
+    appendItem(out, "TechType=", toString(mTechType));
+    appendItem(out, "ProfileId=", std::to_string(mProfileId));
+    if (mApnName) appendItem(out, "ApnName=", *mApnName);
+    if (mUserName) appendItem(out, "UserName=", *mUserName);
+    if (mPassword) appendItem(out, "Password=", *mPassword);
+    if (mAuthType) appendItem(out, "AuthType=", toString(*mAuthType));
+    if (mCommonIPType) appendItem(out, "CommonIPType=", toString(*mCommonIPType));
+    if (mApnTypesMask) appendItem(out, "ApnTypesMask=", std::to_string(*mApnTypesMask));
+    if (mApnClass) appendItem(out, "ApnClass=", toString(*mApnClass));
+    if (mClatEnabled) appendItem(out, "IsClatEnabled=", *mClatEnabled ? "true" : "false");
+    return out;
 }
 
 }  // namespace kiv

@@ -123,6 +123,9 @@ class ModemProfile {
     std::optional<bool> mClatEnabled;
 };
 
+// Appends "label" "value" "," to a dump.
+void appendItem(std::string& out, const char* label, const std::string& value);
+
 // Longest APN name the modem holds.
 inline constexpr size_t kMaxApnNameLength = WDS_APN_NAME_MAX_V01;
 

@@ -1,22 +1,22 @@
 #include "ProfileChangedInd.h"
 
 #include <iterator>
-#include <sstream>
 
 namespace kiv {
 
-std::ostream& operator<<(std::ostream& os, ProfileChangedEvent event) {
+std::string toString(ProfileChangedEvent event) {
     static constexpr const char* kNames[] = {"Create", "Delete", "Modify", "SubscriptionChange",
                                              "ProfileReady"};
     const auto raw = static_cast<uint32_t>(event);
-    if (raw < std::size(kNames)) return os << kNames[raw];
-    return os << raw;
+    return raw < std::size(kNames) ? kNames[raw] : std::to_string(raw);
+}
+
+std::ostream& operator<<(std::ostream& os, ProfileChangedEvent event) {
+    return os << toString(event);
 }
 
 std::string ProfileChangedInd::dump() const {
-    std::ostringstream os;
-    os << techType << ":" << profileId << " " << event;
-    return os.str();
+    return toString(techType) + ":" + std::to_string(profileId) + " " + toString(event);
 }
 
 }  // namespace kiv

@@ -15,6 +15,7 @@ enum class ProfileChangedEvent : uint32_t {
     SubscriptionChange = 3,
     ProfileReady = 4,
 };
+std::string toString(ProfileChangedEvent event);
 std::ostream& operator<<(std::ostream& os, ProfileChangedEvent event);
 
 // One change of the modem's profile table: announced by the modem, or

@@ -1,7 +1,5 @@
 #include "ProfileKey.h"
 
-#include <sstream>
-
 #include "LogWrapper.h"
 
 namespace kiv {
@@ -39,9 +37,10 @@ void ProfileKey::registerExpirationListener(std::function<void()> listener) {
 }
 
 std::string ProfileKey::dump() const {
-    std::ostringstream os;
-    os << mTechType << ":" << mProfileId << " token=" << mToken;
-    return os.str();
+    std::string out = toString(mTechType);
+    out.append(":").append(std::to_string(mProfileId)).append(" token=");
+    out.append(std::to_string(mToken));
+    return out;
 }
 
 }  // namespace kiv

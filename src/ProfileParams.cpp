@@ -1,28 +1,27 @@
 #include "ProfileParams.h"
 
 #include <iterator>
-#include <sstream>
 
 namespace kiv {
 
 namespace {
 
-// Writes names[value] when the value has a name, its decimal number otherwise.
+// names[value - first] when the value has a name, its decimal number otherwise.
 template <typename Enum, size_t N>
-std::ostream& printNamed(std::ostream& os, Enum value, const char* const (&names)[N],
-                         uint32_t first = 0) {
+std::string named(Enum value, const char* const (&names)[N], uint32_t first = 0) {
     const auto raw = static_cast<uint32_t>(value);
-    if (raw >= first && raw - first < N) return os << names[raw - first];
-    return os << raw;
+    if (raw >= first && raw - first < N) return names[raw - first];
+    return std::to_string(raw);
 }
 
-// Writes the text of every set bit in ascending order; bits without a text
-// are left out.
+// The text of every set bit in ascending order; bits without a text are left out.
 template <size_t N>
-void printBits(std::ostream& os, uint32_t mask, const char* const (&texts)[N]) {
+std::string bits(uint32_t mask, const char* const (&texts)[N]) {
+    std::string out;
     for (size_t i = 0; i < N; ++i) {
-        if (mask & (1u << i)) os << texts[i];
+        if (mask & (1u << i)) out += texts[i];
     }
+    return out;
 }
 
 constexpr const char* kApnTypeTexts[] = {"DEFAULT|", "MMS|",       "SUPL|", "DUN|",
@@ -32,63 +31,99 @@ constexpr const char* kFilterMatchTexts[] = {"HomeIPSubset|",   "RoamIPSubset|",
                                              "ApnNameSubset|",  "ApnTypeBitmaskSubset|",
                                              "HomeIPSuperset|", "RoamIPSuperset|"};
 
+// "Label=value," items of a dump.
+class Items {
+  public:
+    explicit Items(std::string& out) : mOut(out) {}
+    template <typename T>
+    void add(const char* label, const std::optional<T>& field) {
+        if (field) add(label, text(*field));
+    }
+    void add(const char* label, const std::string& value) {
+        mOut.append(label).append(value).push_back(',');
+    }
+
+  private:
+    static std::string text(const std::string& value) { return value; }
+    static std::string text(bool value) { return value ? "true" : "false"; }
+    static std::string text(int32_t value) { return std::to_string(value); }
+    template <typename Enum>
+    static std::string text(Enum value) {
+        return toString(value);
+    }
+    std::string& mOut;
+};
+
 }  // namespace
 
-std::ostream& operator<<(std::ostream& os, TechType value) {
+std::string toString(TechType value) {
     static constexpr const char* kNames[] = {"3GPP", "3GPP2"};
-    return printNamed(os, value, kNames);
+    return named(value, kNames);
 }
 
-std::ostream& operator<<(std::ostream& os, IPType value) {
+std::string toString(IPType value) {
     static constexpr const char* kNames[] = {"UNKNOWN", "V4", "V6", "V4V6"};
-    return printNamed(os, value, kNames);
+    return named(value, kNames);
 }
 
-std::ostream& operator<<(std::ostream& os, AuthType value) {
+std::string toString(AuthType value) {
     static constexpr const char* kNames[] = {"NONE", "PAP", "CHAP", "PAP_CHAP"};
-    return printNamed(os, value, kNames);
+    return named(value, kNames);
 }
 
-std::ostream& operator<<(std::ostream& os, ApnClass value) {
+std::string toString(ApnClass value) {
     static constexpr const char* kNames[] = {"IMS", "ADMN", "INET", "APP"};
-    return printNamed(os, value, kNames, 1);
+    return named(value, kNames, 1);
 }
 
+std::string toString(ApnTypes mask) {
+    return mask == 0 ? "NONE" : bits(mask, kApnTypeTexts);
+}
+
+std::string toString(FilterMatchType mask) {
+    return mask == 0 ? "None" : bits(mask, kFilterMatchTexts);
+}
+
+std::ostream& operator<<(std::ostream& os, TechType value) {
+    return os << toString(value);
+}
+std::ostream& operator<<(std::ostream& os, IPType value) {
+    return os << toString(value);
+}
+std::ostream& operator<<(std::ostream& os, AuthType value) {
+    return os << toString(value);
+}
+std::ostream& operator<<(std::ostream& os, ApnClass value) {
+    return os << toString(value);
+}
 std::ostream& operator<<(std::ostream& os, ApnTypes mask) {
-    if (mask == 0) return os << "NONE";
-    printBits(os, mask, kApnTypeTexts);
-    return os;
+    return os << toString(mask);
 }
-
 std::ostream& operator<<(std::ostream& os, FilterMatchType mask) {
-    if (mask == 0) return os << "None";
-    printBits(os, mask, kFilterMatchTexts);
-    return os;
+    return os << toString(mask);
 }
 
 std::string ProfileParams::dump() const {
-    std::ostringstream os;
-    os << std::boolalpha;
-    auto item = [&os](const char* label, const auto& field) {
-        if (field) os << label << *field << ",";
-    };
-    item("ApnName=", mApnName);
-    item("UserName=", mUserName);
-    item("Password=", mPassword);
-    item("AuthType=", mAuthType);
-    item("HomeIPType=", mHomeIPType);
-    item("RoamIPType=", mRoamIPType);
-    if (mApnTypesMask) os << "ApnTypesMask=" << static_cast<ApnTypes>(*mApnTypesMask) << ",";
-    item("ApnClass=", mApnClass);
-    item("IsClatEnabled=", mIsClatEnabled);
-    item("MaxPdnsConnPerBlock=", mMaxPdnsConnPerBlock);
-    item("MaxPdnConnTimer=", mMaxPdnConnTimer);
-    item("PdnReqWaitInterval=", mPdnReqWaitInterval);
-    item("IsApnDisabled=", mIsApnDisabled);
-    item("IsEmergencySupported=", mIsEmergencySupported);
-    item("IsKivProfile=", mIsKivProfile);
-    item("IsIAProfile=", mIsIAProfile);
-    return os.str();
+    std::string out;
+    out.reserve(160);
+    Items items(out);
+    items.add("ApnName=", mApnName);
+    items.add("UserName=", mUserName);
+    items.add("Password=", mPassword);
+    items.add("AuthType=", mAuthType);
+    items.add("HomeIPType=", mHomeIPType);
+    items.add("RoamIPType=", mRoamIPType);
+    if (mApnTypesMask) items.add("ApnTypesMask=", toString(static_cast<ApnTypes>(*mApnTypesMask)));
+    items.add("ApnClass=", mApnClass);
+    items.add("IsClatEnabled=", mIsClatEnabled);
+    items.add("MaxPdnsConnPerBlock=", mMaxPdnsConnPerBlock);
+    items.add("MaxPdnConnTimer=", mMaxPdnConnTimer);
+    items.add("PdnReqWaitInterval=", mPdnReqWaitInterval);
+    items.add("IsApnDisabled=", mIsApnDisabled);
+    items.add("IsEmergencySupported=", mIsEmergencySupported);
+    items.add("IsKivProfile=", mIsKivProfile);
+    items.add("IsIAProfile=", mIsIAProfile);
+    return out;
 }
 
 AddProfileParams::AddProfileParams(bool persistent, TechType techType, bool isIAProfile)
@@ -103,19 +138,15 @@ AddProfileParams::AddProfileParams(const ProfileParams& params, bool persistent,
 }
 
 std::string AddProfileParams::dump() const {
-    std::ostringstream os;
-    os << mTechType << " persist=" << std::boolalpha << mPersistent << ": "
-       << ProfileParams::dump();
-    return os.str();
+    return toString(mTechType) + (mPersistent ? " persist=true: " : " persist=false: ") +
+           ProfileParams::dump();
 }
 
 std::string FilterProfileParams::dump() const {
-    std::ostringstream os;
-    os << static_cast<FilterMatchType>(mFilterMatchCriteria) << ": ";
-    if (mFilterByTechType) os << "tech=" << *mFilterByTechType << ",";
-    if (mFilterByProfileId) os << "id=" << *mFilterByProfileId << ",";
-    os << ProfileParams::dump();
-    return os.str();
+    std::string out = toString(static_cast<FilterMatchType>(mFilterMatchCriteria)) + ": ";
+    if (mFilterByTechType) out += "tech=" + toString(*mFilterByTechType) + ",";
+    if (mFilterByProfileId) out += "id=" + std::to_string(*mFilterByProfileId) + ",";
+    return out + ProfileParams::dump();
 }
 
 }  // namespace kiv

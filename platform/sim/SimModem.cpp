@@ -576,6 +576,12 @@ std::vector<RecordedRequest> SimModem::requests() const {
     return mImpl->requests;
 }
 
+void SimModem::clearRecordedRequests() {
+    std::lock_guard<std::mutex> guard(mImpl->lock);
+    mImpl->requests.clear();
+    mImpl->requests.shrink_to_fit();
+}
+
 std::vector<RecordedRequest> SimModem::requests(xal_client_type client) const {
     std::lock_guard<std::mutex> guard(mImpl->lock);
     std::vector<RecordedRequest> result;

@@ -142,6 +142,8 @@ class SimModem {
 
     // --- Observation.
     std::vector<RecordedRequest> requests() const;
+    // Forgets the recorded requests (the counters stay), for long runs.
+    void clearRecordedRequests();
     std::vector<RecordedRequest> requests(xal_client_type client) const;
     size_t requestCount(unsigned int msgId) const;
     std::vector<ClientInfo> clients() const;
