@@ -1,6 +1,7 @@
 // The simulated modem: profile table, request service, callback dispatcher
 // and the control and observation interface.
 
+#include <algorithm>
 #include <cstring>
 
 #include "SimModemImpl.h"
@@ -295,6 +296,14 @@ xal_client_error_type SimModem::Impl::serve(xal_client_struct* client, unsigned 
     if (consume(timeouts, msgId)) return XAL_TIMEOUT_ERR;
     if (responseLength < responseSize(msgId)) return XAL_CLIENT_PARAM_ERR;
     memset(response, 0, responseLength);
+    if (auto injected = injectedResponses.find(msgId); injected != injectedResponses.end()) {
+        const auto& bytes = injected->second;
+        if (!bytes.empty()) {
+            memcpy(response, bytes.data(), std::min<size_t>(bytes.size(), responseLength));
+        }
+        injectedResponses.erase(injected);
+        return XAL_NO_ERR;
+    }
 
     auto* header = static_cast<xal_response_type_v01*>(response);
     auto fail = [&](uint32_t error) {
@@ -418,6 +427,7 @@ void SimModem::reset(const Config& config) {
     m.timeouts.clear();
     m.getAnyServiceFailures = m.clientInitFailures = 0;
     m.corruptLists = m.corruptSettings = 0;
+    m.injectedResponses.clear();
     m.serviceUp = true;
     m.touch();
 }
@@ -510,6 +520,11 @@ void SimModem::sendUndecodableIndication() {
     mImpl->broadcast(XAL_WDS_PROFILE_CHANGED_IND_V01, {'n', 'o', 'i', 's', 'e'});
 }
 
+void SimModem::sendRawIndication(unsigned int msgId, std::vector<uint8_t> bytes) {
+    std::lock_guard<std::mutex> guard(mImpl->lock);
+    mImpl->broadcast(msgId, std::move(bytes));
+}
+
 bool SimModem::waitForCallbacks(std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> guard(mImpl->lock);
     return mImpl->changed.wait_for(guard, timeout,
@@ -564,6 +579,11 @@ void SimModem::failClientInit(int count) {
 void SimModem::corruptNextList(int count) {
     std::lock_guard<std::mutex> guard(mImpl->lock);
     mImpl->corruptLists = count;
+}
+
+void SimModem::injectNextResponse(unsigned int msgId, std::vector<uint8_t> bytes) {
+    std::lock_guard<std::mutex> guard(mImpl->lock);
+    mImpl->injectedResponses[msgId] = std::move(bytes);
 }
 
 void SimModem::corruptNextSettings(int count) {

@@ -121,6 +121,8 @@ class SimModem {
     void sendUnknownIndication(unsigned int msgId);
     void sendInvalidIndication();      // decodes with its valid flag 0
     void sendUndecodableIndication();  // fails to decode
+    // Any bytes as an indication with any message id.
+    void sendRawIndication(unsigned int msgId, std::vector<uint8_t> bytes);
     // Waits until every queued callback has run (true), or the time-out.
     bool waitForCallbacks(std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
@@ -139,6 +141,9 @@ class SimModem {
     void failClientInit(int count);
     void corruptNextList(int count);      // count above 255, names without NUL
     void corruptNextSettings(int count);  // strings without NUL
+    // The next response to msgId is these bytes, cut or zero-padded to the
+    // caller's response length, whatever the request asked.
+    void injectNextResponse(unsigned int msgId, std::vector<uint8_t> bytes);
 
     // --- Observation.
     std::vector<RecordedRequest> requests() const;

@@ -104,6 +104,7 @@ struct SimModem::Impl {
     int clientInitFailures = 0;
     int corruptLists = 0;
     int corruptSettings = 0;
+    std::map<unsigned int, std::vector<uint8_t>> injectedResponses;
 
     std::deque<Task> tasks;
     bool dispatching = false;

@@ -1,0 +1,54 @@
+// A profile list response of arbitrary bytes through the modem proxy,
+// against the simulated modem, on a worker loop as the library runs it.
+#include <cstring>
+
+#include "FuzzSupport.h"
+#include "SimModem.h"
+#include "WorkerLoop.h"
+#include "XalWdsProxy.h"
+
+namespace {
+
+struct Rig {
+    ~Rig() {
+        loop.run([this] { proxy.reset(); });
+    }
+
+    kiv::test::WorkerLoop loop;
+    std::unique_ptr<kiv::XalWdsProxy> proxy;
+
+    Rig() {
+        auto& sim = xalsim::SimModem::instance();
+        sim.reset();
+        sim.seedProfile(WDS_PROFILE_TYPE_3GPP_V01,
+                        xalsim::make3gppSettings("internet", "internet",
+                                                 WDS_PDP_TYPE_PDP_IPV4V6_V01, 1, true));
+        sim.seedProfile(WDS_PROFILE_TYPE_3GPP2_V01,
+                        xalsim::make3gpp2Settings("cdma", WDS_PROFILE_PDN_TYPE_IPV4_V01, true));
+        proxy = loop.run([this] { return std::make_unique<kiv::XalWdsProxy>(loop.events(), 0); });
+        sim.waitUntil(
+                [&] { return sim.requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) > 0; });
+    }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    kiv::fuzz::quietLog();
+    static Rig sRig;
+    auto& sim = xalsim::SimModem::instance();
+    std::vector<uint8_t> bytes(data, data + size);
+    sim.injectNextResponse(XAL_WDS_GET_PROFILE_LIST_REQ_V01, bytes);
+    // The second list (3GPP2) gets the bytes after the first response's size.
+    if (size > sizeof(wds_get_profile_list_resp_msg_v01) / 16) {
+        sim.injectNextResponse(XAL_WDS_GET_PROFILE_LIST_REQ_V01,
+                               std::vector<uint8_t>(bytes.rbegin(), bytes.rend()));
+    }
+    const auto profiles = sRig.loop.run([] { return sRig.proxy->getAllProfiles(); });
+    if (profiles.size() > 2 * WDS_PROFILE_LIST_MAX_V01) __builtin_trap();
+    for (const auto& profile : profiles) {
+        if (profile) (void)profile->dump();
+    }
+    sim.clearRecordedRequests();
+    return 0;
+}
