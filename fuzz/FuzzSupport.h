@@ -3,6 +3,7 @@
 
 #include "LocalLogBuffer.h"
 #include "LogWrapper.h"
+#include "SimModem.h"
 
 namespace kiv::fuzz {
 
@@ -23,6 +24,24 @@ inline void quietLog() {
         return true;
     }();
     (void)sDone;
+}
+
+// A fresh simulated modem holding a 3GPP and a 3GPP2 profile.
+inline void resetModem() {
+    auto& sim = xalsim::SimModem::instance();
+    sim.reset();
+    sim.seedProfile(
+            WDS_PROFILE_TYPE_3GPP_V01,
+            xalsim::make3gppSettings("internet", "internet", WDS_PDP_TYPE_PDP_IPV4V6_V01, 1, true));
+    sim.seedProfile(WDS_PROFILE_TYPE_3GPP2_V01,
+                    xalsim::make3gpp2Settings("cdma", WDS_PROFILE_PDN_TYPE_IPV4_V01, true));
+}
+
+// Returns once a modem client has connected and registered.
+inline void waitForConnection() {
+    auto& sim = xalsim::SimModem::instance();
+    sim.waitUntil(
+            [&] { return sim.requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) > 0; });
 }
 
 }  // namespace kiv::fuzz

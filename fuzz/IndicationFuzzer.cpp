@@ -8,27 +8,21 @@
 namespace {
 
 struct Rig {
-    ~Rig() {
-        loop.run([this] { cache.reset(); });
-    }
-
     kiv::test::WorkerLoop loop;
     std::unique_ptr<kiv::ProfileCache> cache;
 
     Rig() {
-        auto& sim = xalsim::SimModem::instance();
-        sim.reset();
-        sim.seedProfile(WDS_PROFILE_TYPE_3GPP_V01,
-                        xalsim::make3gppSettings("internet", "internet",
-                                                 WDS_PDP_TYPE_PDP_IPV4V6_V01, 1, true));
+        kiv::fuzz::resetModem();
         // Keys made by the cache post to nowhere: none outlives an input.
         cache = loop.run([this] {
             return std::make_unique<kiv::ProfileCache>(
                     loop.events(), 0, [](std::shared_ptr<kiv::ClientRequest>) { return nullptr; });
         });
-        sim.waitUntil(
-                [&] { return sim.requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) > 0; });
+        kiv::fuzz::waitForConnection();
         loop.run([this] { cache->refresh(); });
+    }
+    ~Rig() {
+        loop.run([this] { cache.reset(); });
     }
 };
 

@@ -10,24 +10,16 @@
 namespace {
 
 struct Rig {
-    ~Rig() {
-        loop.run([this] { proxy.reset(); });
-    }
-
     kiv::test::WorkerLoop loop;
     std::unique_ptr<kiv::XalWdsProxy> proxy;
 
     Rig() {
-        auto& sim = xalsim::SimModem::instance();
-        sim.reset();
-        sim.seedProfile(WDS_PROFILE_TYPE_3GPP_V01,
-                        xalsim::make3gppSettings("internet", "internet",
-                                                 WDS_PDP_TYPE_PDP_IPV4V6_V01, 1, true));
-        sim.seedProfile(WDS_PROFILE_TYPE_3GPP2_V01,
-                        xalsim::make3gpp2Settings("cdma", WDS_PROFILE_PDN_TYPE_IPV4_V01, true));
+        kiv::fuzz::resetModem();
         proxy = loop.run([this] { return std::make_unique<kiv::XalWdsProxy>(loop.events(), 0); });
-        sim.waitUntil(
-                [&] { return sim.requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) > 0; });
+        kiv::fuzz::waitForConnection();
+    }
+    ~Rig() {
+        loop.run([this] { proxy.reset(); });
     }
 };
 

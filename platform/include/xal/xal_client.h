@@ -52,8 +52,8 @@ typedef void (*xal_client_notify_cb)(xal_client_type user_handle,
                                      void* notify_cb_data);
 typedef void (*xal_client_error_cb)(xal_client_type user_handle, xal_client_error_type error,
                                     void* err_cb_data);
-typedef void (*xal_client_ind_cb)(xal_client_type user_handle, unsigned int msg_id,
-                                  void* ind_buf, unsigned int ind_buf_len, void* ind_cb_data);
+typedef void (*xal_client_ind_cb)(xal_client_type user_handle, unsigned int msg_id, void* ind_buf,
+                                  unsigned int ind_buf_len, void* ind_cb_data);
 
 xal_client_error_type xal_client_notifier_init(xal_idl_service_object_type service_obj,
                                                xal_client_os_params* os_params,
@@ -79,8 +79,7 @@ xal_client_error_type xal_client_init(xal_service_info* service_info,
 /* Called once when the service goes down; from then on every send on the
  * client fails with XAL_SERVICE_ERR until it is released. */
 xal_client_error_type xal_client_register_error_cb(xal_client_type user_handle,
-                                                   xal_client_error_cb err_cb,
-                                                   void* err_cb_data);
+                                                   xal_client_error_cb err_cb, void* err_cb_data);
 
 /* XAL_NO_ERR when the modem answered (the response's result field says
  * whether it accepted), XAL_TIMEOUT_ERR when it did not in time. */
