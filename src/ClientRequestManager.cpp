@@ -159,9 +159,14 @@ void ClientRequestManager::runWorkerTasks() {
 
 std::shared_ptr<ClientResponse> ClientRequestManager::processClientRequest(
         std::shared_ptr<ClientRequest> request) {
+    if (!request) {
+        // The worker would find an empty slot and answer no one.
+        KLOGE("ClientRequestManager: null request refused");
+        return nullptr;
+    }
     if (onWorkerThread()) {
         // Waiting here would wait for this very thread.
-        if (request && request->getRequestType() == ReqRespType::Callback) {
+        if (request->getRequestType() == ReqRespType::Callback) {
             KLOGD("ClientRequestManager: %s deferred on the worker thread",
                   request->dump().c_str());
             postToWorker([this, request] {
@@ -169,8 +174,7 @@ std::shared_ptr<ClientResponse> ClientRequestManager::processClientRequest(
                 execute(request);
             });
         } else {
-            KLOGE("ClientRequestManager: %s refused on the worker thread",
-                  request ? request->dump().c_str() : "null");
+            KLOGE("ClientRequestManager: %s refused on the worker thread", request->dump().c_str());
         }
         return nullptr;
     }

@@ -1,5 +1,7 @@
 #include "ModemProfile.h"
 
+#include <exception>
+
 #include "Conversions.h"
 #include "LogWrapper.h"
 
@@ -43,10 +45,17 @@ ModemProfile::~ModemProfile() {
         auto key = weakKey.lock();
         if (!key) continue;
         KLOGD("invoke callback");
-        if (callback) {
-            callback();
-        } else {
+        if (!callback) {
             KLOGE("ModemProfile: empty expiration listener skipped");
+            continue;
+        }
+        // A client's listener must not take the worker thread down.
+        try {
+            callback();
+        } catch (const std::exception& e) {
+            KLOGE("ModemProfile: expiration listener failed: %s", e.what());
+        } catch (...) {
+            KLOGE("ModemProfile: expiration listener failed");
         }
     }
 }

@@ -113,7 +113,7 @@ TEST_F(LibraryFixture, Manager_ProfileOperations_GetFilterMatchModifyDelete) {
     EXPECT_EQ(manager().getProfile(key)->getApnName(), "changed");
     EXPECT_STREQ(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3)->apn_name, "changed");
 
-    // A null key or a key that is not the library's fails on the worker side.
+    // A null key fails on the worker side.
     EXPECT_FALSE(manager().modifyProfile(change, nullptr));
     EXPECT_FALSE(manager().getProfile(nullptr));
 

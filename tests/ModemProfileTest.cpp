@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <random>
+#include <stdexcept>
 
 #include "CapturingLog.h"
 #include "Modem3gpp2Profile.h"
@@ -538,6 +539,8 @@ TEST(ModemProfile_Listeners, OnlyLiveHandlesHearTheProfileGo) {
         profile->clearExpiredListeners();
         EXPECT_EQ(profile->getListenerCount(), 1u);
         profile->registerExpirationListener([&] { ++goneCalls; }, detachedKey());
+        profile->registerExpirationListener([]() { throw std::runtime_error("client bug"); },
+                                            alive);
 
         EXPECT_EQ(profile->getRefCount(), 0);
         profile->decRefCount();
@@ -546,7 +549,8 @@ TEST(ModemProfile_Listeners, OnlyLiveHandlesHearTheProfileGo) {
     EXPECT_EQ(aliveCalls, 1);
     EXPECT_EQ(goneCalls, 0);
     EXPECT_EQ(log.count("~ModemProfile()"), 1u);
-    EXPECT_EQ(log.count("invoke callback"), 1u);
+    EXPECT_EQ(log.count("invoke callback"), 2u);
+    EXPECT_TRUE(log.contains("ModemProfile: expiration listener failed: client bug"));
 }
 
 }  // namespace
