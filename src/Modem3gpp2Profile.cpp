@@ -18,37 +18,26 @@ Modem3gpp2Profile::Modem3gpp2Profile(int profileId, const wds_get_profile_settin
     if (r.user_id_valid) setUserName(readField(r.user_id));
 }
 
+// Authentication and credentials go out twice: for the profile and at PDN level.
 template <typename Request>
-void Modem3gpp2Profile::fillSettings(Request& request) const {
-    if (hasApnName()) {
-        request.apn_string_valid = 1;
-        writeField(request.apn_string, getApnName());
-    }
+void Modem3gpp2Profile::fillSettings(Request& r) const {
+    if (hasApnName()) putText(r.apn_string_valid, r.apn_string, getApnName());
     if (hasCommonIPType()) {
-        request.pdn_type_valid = 1;
-        request.pdn_type = convertToXalProfilePdnType(getCommonIPType());
+        putField(r.pdn_type_valid, r.pdn_type, convertToXalProfilePdnType(getCommonIPType()));
     }
     if (hasAuthType()) {
-        request.auth_protocol_valid = 1;
-        request.auth_protocol = convertToXalAuthProtocol(getAuthType());
-        request.pdn_level_auth_protocol_valid = 1;
-        request.pdn_level_auth_protocol = convertToXalPdnLevelAuthProtocol(getAuthType());
+        putField(r.auth_protocol_valid, r.auth_protocol, convertToXalAuthProtocol(getAuthType()));
+        putField(r.pdn_level_auth_protocol_valid, r.pdn_level_auth_protocol,
+                 convertToXalPdnLevelAuthProtocol(getAuthType()));
     }
-    if (hasApnClass()) {
-        request.apn_class_3gpp2_valid = 1;
-        request.apn_class_3gpp2 = static_cast<uint8_t>(getApnClass());
-    }
+    if (hasApnClass()) putField(r.apn_class_3gpp2_valid, r.apn_class_3gpp2, getApnClass());
     if (hasUserName()) {
-        request.user_id_valid = 1;
-        writeField(request.user_id, getUserName());
-        request.pdn_level_user_id_valid = 1;
-        writeField(request.pdn_level_user_id, getUserName());
+        putText(r.user_id_valid, r.user_id, getUserName());
+        putText(r.pdn_level_user_id_valid, r.pdn_level_user_id, getUserName());
     }
     if (hasPassword()) {
-        request.auth_password_valid = 1;
-        writeField(request.auth_password, getPassword());
-        request.pdn_level_auth_password_valid = 1;
-        writeField(request.pdn_level_auth_password, getPassword());
+        putText(r.auth_password_valid, r.auth_password, getPassword());
+        putText(r.pdn_level_auth_password_valid, r.pdn_level_auth_password, getPassword());
     }
 }
 

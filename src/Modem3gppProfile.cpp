@@ -93,67 +93,45 @@ void Modem3gppProfile::getNewIPTypes(const ProfileParams& p, std::optional<IPTyp
 }
 
 template <typename Request>
-void Modem3gppProfile::fillSettings(Request& request) const {
-    if (mProfileName) {
-        request.profile_name_valid = 1;
-        writeField(request.profile_name, *mProfileName);
-    }
-    if (hasApnName()) {
-        request.apn_name_valid = 1;
-        writeField(request.apn_name, getApnName());
-    }
-    if (hasCommonIPType()) {
-        request.pdp_type_valid = 1;
-        request.pdp_type = convertToXalPdpType(getCommonIPType());
-    }
+void Modem3gppProfile::fillSettings(Request& r) const {
+    if (mProfileName) putText(r.profile_name_valid, r.profile_name, *mProfileName);
+    if (hasApnName()) putText(r.apn_name_valid, r.apn_name, getApnName());
+    if (hasCommonIPType())
+        putField(r.pdp_type_valid, r.pdp_type, convertToXalPdpType(getCommonIPType()));
     if (mOverrideHomeIPType) {
-        request.override_home_pdp_type_valid = 1;
-        request.override_home_pdp_type = convertToXalCommonPdpType(*mOverrideHomeIPType);
+        putField(r.override_home_pdp_type_valid, r.override_home_pdp_type,
+                 convertToXalCommonPdpType(*mOverrideHomeIPType));
     }
     if (mLteRoamIPType) {
-        request.lte_roaming_pdp_type_valid = 1;
-        request.lte_roaming_pdp_type = convertToXalCommonPdpType(*mLteRoamIPType);
+        putField(r.lte_roaming_pdp_type_valid, r.lte_roaming_pdp_type,
+                 convertToXalCommonPdpType(*mLteRoamIPType));
     }
     if (mUmtsRoamIPType) {
-        request.umts_roaming_pdp_type_valid = 1;
-        request.umts_roaming_pdp_type = convertToXalCommonPdpType(*mUmtsRoamIPType);
+        putField(r.umts_roaming_pdp_type_valid, r.umts_roaming_pdp_type,
+                 convertToXalCommonPdpType(*mUmtsRoamIPType));
     }
     if (mEmergencySupported) {
-        request.support_emergency_calls_valid = 1;
-        request.support_emergency_calls = *mEmergencySupported ? 1 : 0;
+        putField(r.support_emergency_calls_valid, r.support_emergency_calls, *mEmergencySupported);
     }
-    if (mApnDisabled) {
-        request.apn_disabled_flag_valid = 1;
-        request.apn_disabled_flag = *mApnDisabled ? 1 : 0;
-    }
-    if (hasApnClass()) {
-        request.apn_class_valid = 1;
-        request.apn_class = static_cast<uint8_t>(getApnClass());
-    }
+    if (mApnDisabled) putField(r.apn_disabled_flag_valid, r.apn_disabled_flag, *mApnDisabled);
+    if (hasApnClass()) putField(r.apn_class_valid, r.apn_class, getApnClass());
     if (mMaxPdnsConnPerBlock) {
-        request.max_pdn_conn_per_block_valid = 1;
-        request.max_pdn_conn_per_block = toModem16(*mMaxPdnsConnPerBlock);
+        putField(r.max_pdn_conn_per_block_valid, r.max_pdn_conn_per_block,
+                 toModem16(*mMaxPdnsConnPerBlock));
     }
     if (mMaxPdnConnTimer) {
-        request.max_pdn_conn_timer_valid = 1;
-        request.max_pdn_conn_timer = toModem16(*mMaxPdnConnTimer);
+        putField(r.max_pdn_conn_timer_valid, r.max_pdn_conn_timer, toModem16(*mMaxPdnConnTimer));
     }
     if (mPdnReqWaitInterval) {
-        request.pdn_req_wait_interval_valid = 1;
-        request.pdn_req_wait_interval = toModem16(*mPdnReqWaitInterval);
+        putField(r.pdn_req_wait_interval_valid, r.pdn_req_wait_interval,
+                 toModem16(*mPdnReqWaitInterval));
     }
     if (hasAuthType()) {
-        request.authentication_preference_valid = 1;
-        request.authentication_preference = convertToXalAuthPref(getAuthType());
+        putField(r.authentication_preference_valid, r.authentication_preference,
+                 convertToXalAuthPref(getAuthType()));
     }
-    if (hasUserName()) {
-        request.username_valid = 1;
-        writeField(request.username, getUserName());
-    }
-    if (hasPassword()) {
-        request.password_valid = 1;
-        writeField(request.password, getPassword());
-    }
+    if (hasUserName()) putText(r.username_valid, r.username, getUserName());
+    if (hasPassword()) putText(r.password_valid, r.password, getPassword());
 }
 
 wds_create_profile_req_msg_v01 Modem3gppProfile::constructAddRequest() const {

@@ -160,29 +160,17 @@ wds_profile_identifier_type_v01 ModemProfile::constructProfileIdentifier() const
 
 void ModemProfile::updateAddParameters(wds_create_profile_req_msg_v01& request) const {
     memset(&request, 0, sizeof(request));
-    if (mApnTypesMask) {
-        request.apn_type_mask_valid = 1;
-        request.apn_type_mask = *mApnTypesMask;
-    }
-    request.persistent_valid = 1;
-    request.persistent = mPersistent ? 1 : 0;
-    if (mClatEnabled) {
-        request.clat_enabled_valid = 1;
-        request.clat_enabled = *mClatEnabled ? 1 : 0;
-    }
+    if (mApnTypesMask) putField(request.apn_type_mask_valid, request.apn_type_mask, *mApnTypesMask);
+    putField(request.persistent_valid, request.persistent, mPersistent);
+    if (mClatEnabled) putField(request.clat_enabled_valid, request.clat_enabled, *mClatEnabled);
 }
 
 void ModemProfile::updateModifyParameters(wds_modify_profile_settings_req_msg_v01& request) const {
     memset(&request, 0, sizeof(request));
     request.profile = constructProfileIdentifier();
-    if (mApnTypesMask) {
-        request.apn_type_mask_valid = 1;
-        request.apn_type_mask = *mApnTypesMask;
-    }
-    if (mClatEnabled) {
-        request.clat_enabled_valid = 1;
-        request.clat_enabled = *mClatEnabled ? 1 : 0;
-    }
+    // Persistence is fixed at creation: a modify request has no such field.
+    if (mApnTypesMask) putField(request.apn_type_mask_valid, request.apn_type_mask, *mApnTypesMask);
+    if (mClatEnabled) putField(request.clat_enabled_valid, request.clat_enabled, *mClatEnabled);
 }
 
 void ModemProfile::updateGetParameters(FilterProfileParams& params) const {

@@ -156,4 +156,18 @@ void writeField(char (&field)[N], const std::string& text) {
     field[length] = '\0';
 }
 
+// Writes an optional field of a modem record: its valid flag and its value.
+template <typename Field, typename Value>
+void putField(uint8_t& valid, Field& field, Value value) {
+    valid = 1;
+    field = static_cast<Field>(value);
+}
+
+// The same for a string field, cut to fit.
+template <size_t N>
+void putText(uint8_t& valid, char (&field)[N], const std::string& text) {
+    valid = 1;
+    writeField(field, text);
+}
+
 }  // namespace kiv
