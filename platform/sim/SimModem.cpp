@@ -10,44 +10,38 @@ namespace xalsim {
 
 namespace {
 
-size_t requestSize(unsigned int msgId) {
-    switch (msgId) {
-        case XAL_WDS_INDICATION_REGISTER_REQ_V01:
-            return sizeof(wds_indication_register_req_msg_v01);
-        case XAL_WDS_CREATE_PROFILE_REQ_V01:
-            return sizeof(wds_create_profile_req_msg_v01);
-        case XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01:
-            return sizeof(wds_modify_profile_settings_req_msg_v01);
-        case XAL_WDS_DELETE_PROFILE_REQ_V01:
-            return sizeof(wds_delete_profile_req_msg_v01);
-        case XAL_WDS_GET_PROFILE_LIST_REQ_V01:
-            return sizeof(wds_get_profile_list_req_msg_v01);
-        case XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01:
-            return sizeof(wds_get_profile_settings_req_msg_v01);
-        case XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01:
-            return sizeof(wds_configure_profile_event_list_req_msg_v01);
-        case XAL_WDS_BIND_SUBSCRIPTION_REQ_V01:
-            return sizeof(wds_bind_subscription_req_msg_v01);
-        default:
-            return 0;
-    }
-}
+// The record sizes of every message the service answers.
+struct MessageSizes {
+    unsigned int msgId;
+    size_t request;
+    size_t response;
+};
 
-size_t responseSize(unsigned int msgId) {
-    switch (msgId) {
-        case XAL_WDS_CREATE_PROFILE_REQ_V01:
-            return sizeof(wds_create_profile_resp_msg_v01);
-        case XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01:
-            return sizeof(wds_modify_profile_settings_resp_msg_v01);
-        case XAL_WDS_DELETE_PROFILE_REQ_V01:
-            return sizeof(wds_delete_profile_resp_msg_v01);
-        case XAL_WDS_GET_PROFILE_LIST_REQ_V01:
-            return sizeof(wds_get_profile_list_resp_msg_v01);
-        case XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01:
-            return sizeof(wds_get_profile_settings_resp_msg_v01);
-        default:
-            return sizeof(wds_generic_resp_msg_v01);
+constexpr MessageSizes kMessages[] = {
+        {XAL_WDS_INDICATION_REGISTER_REQ_V01, sizeof(wds_indication_register_req_msg_v01),
+         sizeof(wds_generic_resp_msg_v01)},
+        {XAL_WDS_CREATE_PROFILE_REQ_V01, sizeof(wds_create_profile_req_msg_v01),
+         sizeof(wds_create_profile_resp_msg_v01)},
+        {XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, sizeof(wds_modify_profile_settings_req_msg_v01),
+         sizeof(wds_modify_profile_settings_resp_msg_v01)},
+        {XAL_WDS_DELETE_PROFILE_REQ_V01, sizeof(wds_delete_profile_req_msg_v01),
+         sizeof(wds_delete_profile_resp_msg_v01)},
+        {XAL_WDS_GET_PROFILE_LIST_REQ_V01, sizeof(wds_get_profile_list_req_msg_v01),
+         sizeof(wds_get_profile_list_resp_msg_v01)},
+        {XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01, sizeof(wds_get_profile_settings_req_msg_v01),
+         sizeof(wds_get_profile_settings_resp_msg_v01)},
+        {XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01,
+         sizeof(wds_configure_profile_event_list_req_msg_v01), sizeof(wds_generic_resp_msg_v01)},
+        {XAL_WDS_BIND_SUBSCRIPTION_REQ_V01, sizeof(wds_bind_subscription_req_msg_v01),
+         sizeof(wds_generic_resp_msg_v01)},
+};
+
+// The sizes of a message, or null for one the service does not know.
+const MessageSizes* sizesOf(unsigned int msgId) {
+    for (const auto& message : kMessages) {
+        if (message.msgId == msgId) return &message;
     }
+    return nullptr;
 }
 
 bool consume(std::map<unsigned int, int>& pending, unsigned int msgId) {
@@ -294,7 +288,9 @@ xal_client_error_type SimModem::Impl::serve(xal_client_struct* client, unsigned 
     ++counters.requests;
     touch();
     if (consume(timeouts, msgId)) return XAL_TIMEOUT_ERR;
-    if (responseLength < responseSize(msgId)) return XAL_CLIENT_PARAM_ERR;
+    const MessageSizes* sizes = sizesOf(msgId);
+    const size_t needed = sizes ? sizes->response : sizeof(wds_generic_resp_msg_v01);
+    if (responseLength < needed) return XAL_CLIENT_PARAM_ERR;
     memset(response, 0, responseLength);
     if (auto injected = injectedResponses.find(msgId); injected != injectedResponses.end()) {
         const auto& bytes = injected->second;
@@ -312,7 +308,7 @@ xal_client_error_type SimModem::Impl::serve(xal_client_struct* client, unsigned 
         ++counters.failedRequests;
         return XAL_NO_ERR;
     };
-    if (requestSize(msgId) == 0 || requestLength != requestSize(msgId)) {
+    if (sizes == nullptr || requestLength != sizes->request) {
         return fail(kErrMalformedMessage);
     }
     if (consume(failures, msgId)) return fail(kErrInjected);
