@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -233,44 +232,6 @@ TEST(SimModem_Decode, RejectsMalformedBuffers) {
     EXPECT_EQ(xal_client_message_decode(nullptr, XAL_IDL_INDICATION, 0xA8, good, sizeof(good), &out,
                                         8),
               XAL_CLIENT_PARAM_ERR);
-}
-
-TEST(SimModem_Persistence, SavedTableLoadsBackAndBadFilesAreRefused) {
-    sim().reset();
-    auto settings = xalsim::make3gppSettings("ims", "ims\"quoted\"\\", WDS_PDP_TYPE_PDP_IPV6_V01,
-                                             0x802, true);
-    settings.max_pdn_conn_timer_valid = 1;
-    settings.max_pdn_conn_timer = 65535;
-    settings.override_home_pdp_type_valid = 1;
-    settings.override_home_pdp_type = WDS_COMMON_PDP_TYPE_PDP_UNKNOWN_V01;
-    settings.username_valid = 1;
-    settings.username[0] = '\x01';
-    sim().seedProfile(WDS_PROFILE_TYPE_3GPP_V01, settings);
-    sim().seedProfile(WDS_PROFILE_TYPE_3GPP2_V01,
-                      xalsim::make3gpp2Settings("cdma", WDS_PROFILE_PDN_TYPE_IPV4_IPV6_V01, false));
-    const std::string path = testing::TempDir() + "sim-state.txt";
-    std::string error;
-    ASSERT_TRUE(sim().save(path, &error)) << error;
-    const auto before = sim().profiles();
-
-    sim().reset();
-    ASSERT_TRUE(sim().load(path, &error)) << error;
-    const auto after = sim().profiles();
-    ASSERT_EQ(after.size(), before.size());
-    for (size_t i = 0; i < after.size(); ++i) {
-        EXPECT_EQ(after[i].type, before[i].type);
-        EXPECT_EQ(after[i].index, before[i].index);
-        EXPECT_EQ(memcmp(&after[i].settings, &before[i].settings, sizeof(xalsim::Settings)), 0);
-    }
-
-    std::ofstream(path) << "[profile 3gpp 1]\napn_name = \"x\"\nmax_pdn_conn_timer = 70000\n";
-    EXPECT_FALSE(sim().load(path, &error));
-    EXPECT_NE(error.find(":3: bad field"), std::string::npos) << error;
-    std::ofstream(path) << "[profile 3gpp2 7]\n";
-    EXPECT_FALSE(sim().load(path, &error));
-    EXPECT_EQ(sim().profiles().size(), before.size());  // a refused file changes nothing
-    EXPECT_FALSE(sim().load(path + ".missing", &error));
-    remove(path.c_str());
 }
 
 }  // namespace

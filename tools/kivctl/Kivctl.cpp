@@ -1,24 +1,36 @@
 #include "Kivctl.h"
 
+#include <android-base/parseint.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <iomanip>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "ApnsConf.h"
 #include "Manager.h"
-#include "SimModem.h"
+#include "ModemServer.h"
+#include "ServiceControl.h"
+#include "SettingsJson.h"
+#include "StateFile.h"
 #include "Util.h"
+#include "XalRemote.h"
 #include "diag_host.h"
 
 namespace kivctl {
@@ -30,7 +42,6 @@ using kiv::IPType;
 using kiv::Manager;
 using kiv::ProfileParams;
 using kiv::TechType;
-using xalsim::SimModem;
 
 // Bad input: one line on standard error, exit status 2.
 struct UsageError : std::runtime_error {
@@ -46,12 +57,14 @@ struct Refused : std::runtime_error {
 
 const char* const kGlobalHelp = R"(usage: kivctl [global options] COMMAND [options]
 
-Runs libkivr against a simulated modem whose profile table persists between
-runs.
+Runs libkivr against a simulated modem: the modem service (kivmodemd) named
+by --modem or KIVR_MODEM, shared with other processes, or else a modem of
+its own whose profile table persists in a file between runs.
 
 Global options:
-  --modem-state FILE  the modem's table (default $XDG_STATE_HOME/kivr/modem.state,
-                      else ~/.local/state/kivr/modem.state)
+  --modem PATH        the modem service's socket (default $KIVR_MODEM)
+  --modem-state FILE  without a service: the modem's table (default
+                      $XDG_STATE_HOME/kivr/modem.state, else ~/.local/state/kivr/modem.state)
   --instance N        modem instance to bind to (default 0)
   --json              machine-readable output
   --log               show the library's log lines on standard error
@@ -72,8 +85,9 @@ Commands:
   apply-apns FILE --mcc M --mnc N
                        apply a carrier's APN types from an apns-conf.xml file
   dump                 the library's cache and recent log
-  modem restart        restart the modem (temporary profiles are lost)
-  modem reset          put the seeded table back
+  watch [--count N]    print the profile changes the modem service announces
+  modem ACTION         restart, reset, down, up, status, fail, timeout, send
+                       (kivctl modem --help)
   shell                read commands from standard input, one per line
 
 PROFILE is a modem profile id (3GPP below 101, 3GPP2 from 101, or --tech),
@@ -119,7 +133,30 @@ const std::map<std::string, std::string> kCommandHelp = {
          "  Merges the APN types of the carrier's entries into the modem "
          "profiles with the same APN names.\n"},
         {"dump", "usage: kivctl dump\n"},
-        {"modem", "usage: kivctl modem restart|reset\n"},
+        {"modem",
+         "usage: kivctl modem ACTION\n"
+         "  restart              the modem restarts: temporary profiles are lost, clients\n"
+         "                       reconnect and reread\n"
+         "  reset                the factory table back\n"
+         "  down | up            the modem's data service goes down, or comes back\n"
+         "  status               service, capacity, latency, clients, requests\n"
+         "  fail KIND [N]        the next N requests of a kind fail (KIND: create, modify,\n"
+         "                       delete, list, get, bind, register, events or a message id;\n"
+         "                       service: finding the service; connect: opening a client)\n"
+         "  timeout KIND [N]     the next N requests of a kind get no answer\n"
+         "  send subscription-change | profile-ready\n"
+         "  send changed 3gpp|3gpp2|all INDEX EVENT   a profile-changed indication\n"
+         "                       (EVENT: create, delete, modify, subscription-change,\n"
+         "                       profile-ready or a number)\n"
+         "  send raw MESSAGE-ID HEX   any bytes as an indication\n"
+         "  Faults and indications reach every client of the modem service; on the\n"
+         "  embedded modem they last for the command (or the shell).\n"},
+        {"watch",
+         "usage: kivctl watch [--count N]\n"
+         "  Prints every profile change the modem service announces, as it arrives: the\n"
+         "  profile, the event and, after a create or modify, the modem's settings; one\n"
+         "  line (or JSON object) per change, until interrupted or N changes. Needs the\n"
+         "  modem service (--modem PATH or KIVR_MODEM).\n"},
         {"shell",
          "usage: kivctl shell\n  Commands one per line; handles (#1, #2, ...) stay "
          "between them.\n  Also: handles, drop #N, help, exit.\n"},
@@ -379,6 +416,7 @@ void printTable(std::ostream& out, const std::vector<ProfileView>& views, bool w
 
 struct Globals {
     std::string statePath;
+    std::string modemSocket;  // the modem service; empty: the embedded modem
     int instance = 0;
     bool json = false;
     bool log = false;
@@ -402,74 +440,148 @@ void makeParentDirectories(const std::string& path) {
     for (size_t slash = path.find('/', 1); slash != std::string::npos;
          slash = path.find('/', slash + 1)) {
         const std::string dir = path.substr(0, slash);
-        if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+        if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
             throw Refused("cannot create " + dir + ": " + strerror(errno));
         }
     }
 }
 
-// A small, realistic table for a first run.
-void seedTable(SimModem& sim) {
-    auto internet = xalsim::make3gppSettings("internet", "internet", WDS_PDP_TYPE_PDP_IPV4V6_V01,
-                                             0x1 | 0x10, true);  // default, supl
-    internet.apn_class_valid = 1;
-    internet.apn_class = 3;
-    sim.seedProfile(WDS_PROFILE_TYPE_3GPP_V01, internet);
-    auto ims = xalsim::make3gppSettings("ims", "ims", WDS_PDP_TYPE_PDP_IPV4V6_V01, 0x2, true);
-    ims.apn_class_valid = 1;
-    ims.apn_class = 1;
-    sim.seedProfile(WDS_PROFILE_TYPE_3GPP_V01, ims);
-    auto mms = xalsim::make3gppSettings("mms", "mms", WDS_PDP_TYPE_PDP_IPV4_V01, 0x4, true);
-    mms.apn_class_valid = 1;
-    mms.apn_class = 4;
-    sim.seedProfile(WDS_PROFILE_TYPE_3GPP_V01, mms);
-    sim.seedProfile(
-            WDS_PROFILE_TYPE_3GPP2_V01,
-            xalsim::make3gpp2Settings("cdma.internet", WDS_PROFILE_PDN_TYPE_IPV4_IPV6_V01, true));
-}
-
 void discardDiag(const msg_desc_type*, const char*, void*) {}
+
+// The modem of one run when no service is named: a modem service in this
+// process on the state file, which stays locked for the whole run so that
+// concurrent commands take turns and lose nothing. Every change is saved
+// before the modem answers it.
+class EmbeddedModem {
+  public:
+    explicit EmbeddedModem(const Globals& globals) {
+        makeParentDirectories(globals.statePath);
+        auto state = xalsim::StateFile::open(globals.statePath, "kivctl",
+                                             std::chrono::milliseconds(globals.timeoutMs));
+        if (!state.ok()) throw Refused(state.error().message());
+        mState.emplace(std::move(*state));
+        kivmodemd::ModemServer::Options options;
+        auto log = [verbose = globals.log](const std::string& line) {
+            if (verbose) std::cerr << "kivctl: modem: " << line << "\n";
+        };
+        mServer = std::make_unique<kivmodemd::ModemServer>(options, log);
+        xalsim::ModemCore& modem = mServer->modem();
+        const bool firstUse = !mState->exists();
+        xalsim::Table table = xalsim::factoryTable();
+        if (!firstUse) {
+            auto loaded = mState->load();
+            if (!loaded.ok()) throw UsageError("malformed modem state: " + loaded.error().message());
+            table = std::move(*loaded);
+        }
+        std::string why;
+        if (!modem.replaceTable(table, &why)) {
+            throw UsageError("malformed modem state: " + mState->path() + ": " + why);
+        }
+        if (firstUse) {
+            if (auto saved = mState->save(table); !saved.ok()) throw Refused(saved.error().message());
+        }
+        modem.setCommitHook([this](const xalsim::Table& changed, std::string* error) {
+            auto saved = mState->save(changed);
+            if (!saved.ok()) *error = saved.error().message();
+            return saved.ok();
+        });
+        if (globals.noService) modem.setServiceUp(false);
+        mThread = std::thread([this] { mServer->run(); });
+        xalremote::setConnector([server = mServer.get()] {
+            int ends[2];
+            if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+                return android::base::unique_fd();
+            }
+            server->adopt(android::base::unique_fd(ends[0]));
+            return android::base::unique_fd(ends[1]);
+        });
+    }
+
+    ~EmbeddedModem() {
+        // Later connections find no modem, as when a service went away.
+        xalremote::setConnector([] { return android::base::unique_fd(); });
+        mServer->stop();
+        mThread.join();
+    }
+
+  private:
+    std::optional<xalsim::StateFile> mState;
+    std::unique_ptr<kivmodemd::ModemServer> mServer;
+    std::thread mThread;
+};
 
 class Session {
   public:
     explicit Session(const Globals& globals)
-        : mGlobals(globals), mSim(SimModem::instance()), mManager(Manager::getInstance()) {
-        mSim.reset();
-        struct stat info {};
-        if (stat(mGlobals.statePath.c_str(), &info) == 0) {
-            std::string error;
-            if (!mSim.load(mGlobals.statePath, &error)) {
-                throw UsageError("malformed modem state: " + error);
-            }
+        : mGlobals(globals), mManager(Manager::getInstance()) {
+        if (mGlobals.modemSocket.empty()) {
+            mEmbedded = std::make_unique<EmbeddedModem>(mGlobals);
         } else {
-            makeParentDirectories(mGlobals.statePath);
-            seedTable(mSim);
+            if (mGlobals.noService) {
+                throw UsageError("--no-service is for the embedded modem; on the service, "
+                                 "'kivctl modem down' takes it down");
+            }
+            xalremote::setConnector(nullptr);
+            xalremote::setSocketPath(mGlobals.modemSocket);
         }
-        if (mGlobals.noService) mSim.setServiceUp(false);
-        diag_host_set_sink(mGlobals.log ? nullptr : discardDiag, nullptr);
-        mManager.init(mGlobals.instance, mGlobals.log);
-        waitForLibrary(0);
-        mManager.refresh(kiv::PDC_REFRESH_COMPLETED);
+        auto control = xalremote::ServiceControl::connect();
+        if (!control.ok()) throw Refused(control.error().message());
+        mControl.emplace(std::move(*control));
+        mFailedSaves = status().value("failedCommits", uint64_t{0});
     }
 
-    // Keys are dropped, their effects settled, and the table saved.
+    // Brings the library up on the modem and reads its table, once a run.
+    void startLibrary() {
+        if (mLibrary) return;
+        diag_host_set_sink(mGlobals.log ? nullptr : discardDiag, nullptr);
+        mManager.init(mGlobals.instance, mGlobals.log);
+        waitForLibrary();
+        mManager.refresh(kiv::PDC_REFRESH_COMPLETED);
+        mLibrary = true;
+    }
+
+    bool libraryStarted() const { return mLibrary; }
+
+    // The end of a run that went well: keys are dropped (temporary profiles
+    // leave the modem) and every change must have been stored.
+    void finish() {
+        mHandles.clear();
+        if (mLibrary) settle();
+        checkSaved();
+    }
+
+    // Keys are dropped and their effects settled before the modem goes.
     ~Session() {
         mHandles.clear();
-        settle();
-        std::string error;
-        if (!mSim.save(mGlobals.statePath, &error)) std::cerr << "kivctl: " << error << "\n";
+        if (mLibrary) settle();
     }
 
     Manager& manager() { return mManager; }
     kiv::Util& util() { return mUtil; }
-    SimModem& sim() { return mSim; }
+    const Globals& globals() const { return mGlobals; }
 
-    // Waits until the library has connected more than `before` times.
-    void waitForLibrary(size_t before) {
-        const auto registered = [this, before] {
-            return mSim.requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) > before;
-        };
-        if (!mSim.waitUntil(registered, std::chrono::milliseconds(mGlobals.timeoutMs))) {
+    // One command to the modem; its refusal is the command's.
+    nlohmann::json call(const nlohmann::json& command) {
+        auto answer = mControl->call(command);
+        if (!answer.ok()) throw Refused("modem: " + answer.error().message());
+        return *answer;
+    }
+    nlohmann::json status() { return call({{"op", "status"}}); }
+
+    // A change the modem could not store is the command's failure.
+    void checkSaved() {
+        const auto now = status();
+        const uint64_t failed = now.value("failedCommits", uint64_t{0});
+        if (failed == mFailedSaves) return;
+        mFailedSaves = failed;
+        throw Refused("the modem could not store the change: " +
+                      now.value("commitError", std::string("unknown reason")));
+    }
+
+    // Waits until this process's library has connected and registered.
+    void waitForLibrary() {
+        if (!xalremote::waitForRegisteredClients(1,
+                                                 std::chrono::milliseconds(mGlobals.timeoutMs))) {
             throw Refused("the modem did not come up within " + std::to_string(mGlobals.timeoutMs) +
                           " ms");
         }
@@ -477,9 +589,22 @@ class Session {
 
     // Every indication sent so far has been handled by the library.
     void settle() {
-        mSim.waitForCallbacks();
+        xalremote::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
         mManager.match(FilterProfileParams(), nullptr);
         mManager.match(FilterProfileParams(), nullptr);
+    }
+
+    // Which profiles the modem stores persistently, by (tech, id).
+    std::set<std::pair<TechType, int>> persistentProfiles() {
+        std::set<std::pair<TechType, int>> persistent;
+        const nlohmann::json table = call({{"op", "profiles"}});
+        for (const auto& profile : table["profiles"]) {
+            if (profile.value("persistent", 0) == 0) continue;
+            const TechType tech = profile.value("type", "") == "3gpp2" ? TechType::TECH_3GPP2
+                                                                       : TechType::TECH_3GPP;
+            persistent.emplace(tech, profile.value("index", 0));
+        }
+        return persistent;
     }
 
     int keep(std::shared_ptr<kiv::IProfileKey> key) {
@@ -494,24 +619,25 @@ class Session {
     bool drop(int number) { return mHandles.erase(number) != 0; }
     const std::map<int, std::shared_ptr<kiv::IProfileKey>>& handles() const { return mHandles; }
 
-    ProfileView view(const std::shared_ptr<kiv::IProfileKey>& key, int handleNumber = 0) {
+    ProfileView view(const std::shared_ptr<kiv::IProfileKey>& key, int handleNumber = 0,
+                     const std::set<std::pair<TechType, int>>* persistent = nullptr) {
         ProfileView v;
         v.id = key->getProfileId();
         v.tech = key->getTechType();
         v.handle = handleNumber;
         if (auto params = mManager.getProfile(key)) v.params = *params;
-        const auto type = v.tech == TechType::TECH_3GPP2 ? WDS_PROFILE_TYPE_3GPP2_V01
-                                                         : WDS_PROFILE_TYPE_3GPP_V01;
-        if (auto settings = mSim.getProfile(type, static_cast<uint8_t>(v.id))) {
-            v.persistent = settings->persistent_valid && settings->persistent;
-        }
+        const auto stored = persistent ? *persistent : persistentProfiles();
+        v.persistent = stored.count({v.tech, v.id}) != 0;
         return v;
     }
 
   private:
     Globals mGlobals;
-    SimModem& mSim;
+    std::unique_ptr<EmbeddedModem> mEmbedded;
+    std::optional<xalremote::ServiceControl> mControl;
+    uint64_t mFailedSaves = 0;
     Manager& mManager;
+    bool mLibrary = false;
     kiv::Util mUtil;
     std::map<int, std::shared_ptr<kiv::IProfileKey>> mHandles;
     int mNextHandle = 1;
@@ -526,6 +652,8 @@ class Commands {
              std::ostream& err, bool inShell)
         : mSession(session), mGlobals(globals), mIn(in), mOut(out), mErr(err), mInShell(inShell) {}
 
+    // Runs one command; a change the modem could not store fails it, with
+    // the reason, whatever else it reports.
     int execute(const std::string& command, Args args) {
         if (args.flag("--help")) {
             auto it = kCommandHelp.find(command);
@@ -533,6 +661,27 @@ class Commands {
             mOut << it->second;
             return kOk;
         }
+        int status;
+        try {
+            status = dispatch(command, args);
+        } catch (const Refused&) {
+            mSession.checkSaved();
+            throw;
+        }
+        mSession.checkSaved();
+        return status;
+    }
+
+  private:
+    int dispatch(const std::string& command, Args& args) {
+        if (command == "watch") return watch(args);
+        if (command == "modem") return modem(args);
+        if (command == "shell") {
+            if (mInShell) throw UsageError("already in the shell");
+            return shell(args);
+        }
+        if (kCommandHelp.count(command) == 0) throw UsageError("unknown command '" + command + "'");
+        mSession.startLibrary();
         if (command == "list") return list(args);
         if (command == "show") return show(args);
         if (command == "add") return add(args);
@@ -544,15 +693,9 @@ class Commands {
         if (command == "emergency") return emergency(args);
         if (command == "apply-apns") return applyApns(args);
         if (command == "dump") return dump(args);
-        if (command == "modem") return modem(args);
-        if (command == "shell") {
-            if (mInShell) throw UsageError("already in the shell");
-            return shell(args);
-        }
         throw UsageError("unknown command '" + command + "'");
     }
 
-  private:
     Manager& manager() { return mSession.manager(); }
 
     // A profile named by id (with --tech) or, in the shell, by handle.
@@ -616,8 +759,9 @@ class Commands {
     int list(Args& args) {
         args.positionals(0);
         std::vector<ProfileView> views;
+        const auto persistent = mSession.persistentProfiles();
         for (const auto& key : manager().filter(FilterProfileParams())) {
-            views.push_back(mSession.view(key));
+            views.push_back(mSession.view(key, 0, &persistent));
         }
         return printProfiles(std::move(views), false);
     }
@@ -706,8 +850,9 @@ class Commands {
         }
         args.positionals(0);
         std::vector<ProfileView> views;
+        const auto persistent = mSession.persistentProfiles();
         for (const auto& key : manager().filter(filter)) {
-            views.push_back(mSession.view(key, mInShell ? mSession.keep(key) : 0));
+            views.push_back(mSession.view(key, mInShell ? mSession.keep(key) : 0, &persistent));
         }
         return printProfiles(std::move(views), mInShell);
     }
@@ -765,10 +910,10 @@ class Commands {
         }
         std::list<ProfileParams> records;
         for (const auto& entry : read.entries) records.push_back(entry.params);
-        const auto before = mSession.sim().requestCount(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01);
+        const auto before = xalremote::answeredRequests(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01);
         mSession.util().updateAPNTypeBitmaskOnModemProfile(records);
         const auto updates =
-                mSession.sim().requestCount(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01) - before;
+                xalremote::answeredRequests(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01) - before;
 
         int skipped = 0;
         for (const auto& [reason, count] : read.skipped) skipped += count;
@@ -811,32 +956,160 @@ class Commands {
         return kOk;
     }
 
-    int modem(Args& args) {
-        auto words = args.positionals(1);
-        if (words.empty()) throw UsageError("modem needs restart or reset");
-        SimModem& sim = mSession.sim();
-        const size_t connections = sim.requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01);
-        if (words[0] == "restart") {
-            sim.restart();
-            mSession.waitForLibrary(connections);
-        } else if (words[0] == "reset") {
-            sim.clearProfiles();
-            seedTable(sim);
-        } else {
-            throw UsageError("unknown modem action '" + words[0] + "' (restart|reset)");
-        }
-        // The modem announces its table; the library rereads it.
-        sim.sendProfileReady();
+    // The library picks itself up after the modem came back or changed wholesale.
+    void resyncLibrary() {
+        if (!mSession.libraryStarted()) return;
+        xalremote::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
+        mSession.waitForLibrary();
         mSession.settle();
-        const size_t profiles = sim.profiles().size();
-        if (mGlobals.json) {
-            mOut << "{\"modem\":" << jsonString(words[0]) << ",\"profiles\":" << profiles << "}\n";
+    }
+
+    int modem(Args& args) {
+        auto words = args.positionals(4);
+        if (words.empty()) throw UsageError("modem needs an action (kivctl modem --help)");
+        const std::string action = words[0];
+        words.erase(words.begin());
+        auto noMore = [&](size_t most) {
+            if (words.size() > most) throw UsageError("unexpected argument '" + words[most] + "'");
+        };
+        nlohmann::json command;
+        std::string done;
+        if (action == "restart" || action == "reset" || action == "down" || action == "up") {
+            noMore(0);
+            command = {{"op", action}};
+            done = action == "restart" ? "restarted" : action == "reset" ? "reset" : action;
+        } else if (action == "status") {
+            noMore(0);
+            return modemStatus();
+        } else if (action == "fail" || action == "timeout") {
+            noMore(2);
+            if (words.empty()) throw UsageError("modem " + action + " needs a kind (kivctl modem --help)");
+            const int count = words.size() > 1 ? parseInt(words[1], "a count", 1, 1000000) : 1;
+            if (action == "fail" && (words[0] == "service" || words[0] == "connect")) {
+                command = {{"op", words[0] == "service" ? "failService" : "failConnect"},
+                           {"count", count}};
+            } else {
+                command = {{"op", action}, {"msgId", messageIdOf(words[0])}, {"count", count}};
+            }
+            done = (action == "fail" ? "the next " : "no answer to the next ") +
+                   std::to_string(count) + " " + words[0] +
+                   (action == "fail" ? " will fail" : " requests");
+        } else if (action == "send") {
+            command = indication(words);
+            done = "sent " + words[0];
         } else {
-            mOut << "modem " << (words[0] == "restart" ? "restarted" : "reset") << ": " << profiles
-                 << " profiles on the modem\n";
+            throw UsageError("unknown modem action '" + action +
+                             "' (restart|reset|down|up|status|fail|timeout|send)");
+        }
+        mSession.call(command);
+        if (action == "restart" || action == "reset" || action == "up") resyncLibrary();
+        if (action == "down" && mSession.libraryStarted()) {
+            xalremote::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
+        }
+        const auto status = mSession.status();
+        const int profiles = status.value("profiles", 0);
+        if (mGlobals.json) {
+            mOut << "{\"modem\":" << jsonString(action) << ",\"serviceUp\":"
+                 << (status.value("serviceUp", false) ? "true" : "false")
+                 << ",\"profiles\":" << profiles << "}\n";
+        } else if (action == "restart" || action == "reset") {
+            mOut << "modem " << done << ": " << profiles << " profiles on the modem\n";
+        } else {
+            mOut << "modem: " << done << "\n";
         }
         return kOk;
     }
+
+    static unsigned int messageIdOf(const std::string& kind) {
+        static const std::map<std::string, unsigned int> kKinds = {
+                {"create", XAL_WDS_CREATE_PROFILE_REQ_V01},
+                {"modify", XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01},
+                {"delete", XAL_WDS_DELETE_PROFILE_REQ_V01},
+                {"list", XAL_WDS_GET_PROFILE_LIST_REQ_V01},
+                {"get", XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01},
+                {"bind", XAL_WDS_BIND_SUBSCRIPTION_REQ_V01},
+                {"register", XAL_WDS_INDICATION_REGISTER_REQ_V01},
+                {"events", XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01}};
+        auto it = kKinds.find(kind);
+        if (it != kKinds.end()) return it->second;
+        unsigned int id = 0;
+        if (android::base::ParseUint(kind, &id, 0xFFFFu)) return id;
+        throw UsageError("unknown request kind '" + kind +
+                         "' (create|modify|delete|list|get|bind|register|events, a message id, "
+                         "or for fail: service|connect)");
+    }
+
+    static nlohmann::json indication(const std::vector<std::string>& words) {
+        if (words.empty()) throw UsageError("modem send needs an indication (kivctl modem --help)");
+        const std::string& kind = words[0];
+        if (kind == "subscription-change" || kind == "profile-ready") {
+            if (words.size() > 1) throw UsageError("unexpected argument '" + words[1] + "'");
+            return {{"op", "indicate"}, {"kind", kind}};
+        }
+        if (kind == "changed") {
+            if (words.size() != 4) throw UsageError("usage: modem send changed 3gpp|3gpp2|all INDEX EVENT");
+            static const std::map<std::string, int> kEvents = {
+                    {"create", WDS_PROFILE_EVENT_CREATE_V01},
+                    {"delete", WDS_PROFILE_EVENT_DELETE_V01},
+                    {"modify", WDS_PROFILE_EVENT_MODIFY_V01},
+                    {"subscription-change", WDS_PROFILE_EVENT_SUBSCRIPTION_CHANGE_V01},
+                    {"profile-ready", WDS_PROFILE_EVENT_PROFILE_READY_V01}};
+            const int type = words[1] == "3gpp"    ? WDS_PROFILE_TYPE_3GPP_V01
+                             : words[1] == "3gpp2" ? WDS_PROFILE_TYPE_3GPP2_V01
+                             : words[1] == "all"
+                                     ? WDS_PROFILE_TYPE_ALL_V01
+                                     : throw UsageError("bad profile type '" + words[1] +
+                                                        "' (3gpp|3gpp2|all)");
+            auto event = kEvents.find(words[3]);
+            return {{"op", "indicate"},
+                    {"kind", "changed"},
+                    {"type", type},
+                    {"index", parseInt(words[2], "an index", 0, 255)},
+                    {"event", event != kEvents.end() ? event->second
+                                                     : parseInt(words[3], "an event", 0, 1000000)}};
+        }
+        if (kind == "raw") {
+            if (words.size() != 3) throw UsageError("usage: modem send raw MESSAGE-ID HEX-BYTES");
+            const std::string& hex = words[2];
+            if (hex.size() % 2 != 0 || hex.size() > 2 * 16384) {
+                throw UsageError("bad bytes '" + hex + "' (pairs of hex digits, at most 16384 bytes)");
+            }
+            nlohmann::json bytes = nlohmann::json::array();
+            for (size_t i = 0; i < hex.size(); i += 2) {
+                unsigned int byte = 0;
+                if (!android::base::ParseUint("0x" + hex.substr(i, 2), &byte, 0xFFu) ||
+                    !isxdigit(static_cast<unsigned char>(hex[i]))) {
+                    throw UsageError("bad bytes '" + hex + "' (pairs of hex digits)");
+                }
+                bytes.push_back(byte);
+            }
+            return {{"op", "indicate"}, {"kind", "raw"}, {"msgId", messageIdOf(words[1])},
+                    {"bytes", bytes}};
+        }
+        throw UsageError("unknown indication '" + kind +
+                         "' (subscription-change|profile-ready|changed|raw)");
+    }
+
+    int modemStatus() {
+        const auto status = mSession.status();
+        if (mGlobals.json) {
+            mOut << status.dump() << "\n";
+            return kOk;
+        }
+        mOut << "service:   " << (status.value("serviceUp", false) ? "up" : "down") << "\n"
+             << "profiles:  " << status.value("profiles", 0) << " (room for "
+             << status.value("capacity3gpp", 0) << " 3gpp, " << status.value("capacity3gpp2", 0)
+             << " 3gpp2)\n"
+             << "latency:   " << status.value("latencyMs", 0) << " ms per request\n"
+             << "clients:   " << status.value("clients", 0) << "\n"
+             << "requests:  " << status.value("requests", 0) << " (" << status.value("failedRequests", 0)
+             << " failed)\n";
+        const std::string error = status.value("commitError", std::string());
+        if (!error.empty()) mOut << "last save: failed: " << error << "\n";
+        return kOk;
+    }
+
+    int watch(Args& args);
 
     int shell(Args& args);
 
@@ -847,6 +1120,165 @@ class Commands {
     std::ostream& mErr;
     const bool mInShell;
 };
+
+// A client of the modem service of its own, printing the profile changes
+// the modem announces.
+class ChangeWatcher {
+  public:
+    struct Indication {
+        unsigned int msgId;
+        std::vector<uint8_t> bytes;
+    };
+
+    explicit ChangeWatcher(std::chrono::milliseconds timeout) : mTimeout(timeout) {
+        xal_idl_service_object_type service = wds_get_service_object_internal_v01(1, 0xF1, 6);
+        xal_service_info info{};
+        xal_client_os_params os{};
+        if (xal_client_get_any_service(service, &info) != XAL_NO_ERR ||
+            xal_client_init(&info, service, onIndication, this, &os, &mClient) != XAL_NO_ERR) {
+            throw Refused("cannot reach the modem service at " + xalremote::socketPath());
+        }
+        xal_client_register_error_cb(mClient, onError, this);
+        wds_indication_register_req_msg_v01 events{};
+        events.report_profile_changed_events_valid = 1;
+        events.report_profile_changed_events = 1;
+        wds_configure_profile_event_list_req_msg_v01 all{};
+        all.profile_event_register_valid = 1;
+        all.profile_event_register_len = 1;
+        all.profile_event_register[0] = {WDS_PROFILE_TYPE_ALL_V01, 0xFF};
+        all.report_all_profiles_valid = 1;
+        all.report_all_profiles = 1;
+        if (!send(XAL_WDS_INDICATION_REGISTER_REQ_V01, &events, sizeof(events)) ||
+            !send(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, &all, sizeof(all))) {
+            throw Refused("the modem service refused to report profile changes");
+        }
+    }
+    ~ChangeWatcher() { xal_client_release(mClient); }
+
+    // The next indication; none when the service went away.
+    std::optional<Indication> next() {
+        std::unique_lock<std::mutex> guard(mLock);
+        mChanged.wait(guard, [this] { return !mQueue.empty() || mLost; });
+        if (mQueue.empty()) return std::nullopt;
+        Indication indication = std::move(mQueue.front());
+        mQueue.pop_front();
+        return indication;
+    }
+
+    std::optional<xalsim::Settings> settings(const wds_profile_identifier_type_v01& profile) {
+        wds_get_profile_settings_req_msg_v01 request{};
+        request.profile = profile;
+        wds_get_profile_settings_resp_msg_v01 response{};
+        if (xal_client_send_msg_sync(mClient, XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01, &request,
+                                     sizeof(request), &response, sizeof(response),
+                                     static_cast<unsigned int>(mTimeout.count())) != XAL_NO_ERR ||
+            response.resp.result != 0) {
+            return std::nullopt;
+        }
+        return response;
+    }
+
+  private:
+    bool send(unsigned int msgId, void* request, unsigned int length) {
+        wds_generic_resp_msg_v01 response{};
+        return xal_client_send_msg_sync(mClient, msgId, request, length, &response,
+                                        sizeof(response),
+                                        static_cast<unsigned int>(mTimeout.count())) == XAL_NO_ERR &&
+               response.resp.result == 0;
+    }
+    static void onIndication(xal_client_type, unsigned int msgId, void* buffer, unsigned int length,
+                             void* data) {
+        auto* self = static_cast<ChangeWatcher*>(data);
+        const auto* bytes = static_cast<const uint8_t*>(buffer);
+        std::lock_guard<std::mutex> guard(self->mLock);
+        self->mQueue.push_back({msgId, std::vector<uint8_t>(bytes, bytes + length)});
+        self->mChanged.notify_all();
+    }
+    static void onError(xal_client_type, xal_client_error_type, void* data) {
+        auto* self = static_cast<ChangeWatcher*>(data);
+        std::lock_guard<std::mutex> guard(self->mLock);
+        self->mLost = true;
+        self->mChanged.notify_all();
+    }
+
+    const std::chrono::milliseconds mTimeout;
+    xal_client_type mClient = nullptr;
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    std::deque<Indication> mQueue;  // guarded by mLock
+    bool mLost = false;             // guarded by mLock
+};
+
+int Commands::watch(Args& args) {
+    const auto countText = args.value("--count");
+    const int limit = countText ? parseInt(*countText, "--count", 1) : 0;
+    args.positionals(0);
+    if (mGlobals.modemSocket.empty()) {
+        throw UsageError("watch needs the modem service: start kivmodemd and name its socket "
+                         "with --modem PATH or KIVR_MODEM");
+    }
+    ChangeWatcher watcher(std::chrono::milliseconds(mGlobals.timeoutMs));
+    mErr << "kivctl: watching the modem at " << xalremote::socketPath() << "\n";
+    mErr.flush();
+    static const char* const kEvents[] = {"0", "create", "delete", "modify",
+                                          "subscription-change", "profile-ready"};
+    for (int seen = 0; limit == 0 || seen < limit; ++seen) {
+        auto indication = watcher.next();
+        if (!indication) throw Refused("the modem service went away");
+        nlohmann::ordered_json change;
+        wds_profile_changed_ind_msg_v01 decoded{};
+        const auto result = xal_client_message_decode(
+                nullptr, XAL_IDL_INDICATION, indication->msgId, indication->bytes.data(),
+                static_cast<unsigned int>(indication->bytes.size()), &decoded, sizeof(decoded));
+        if (indication->msgId != XAL_WDS_PROFILE_CHANGED_IND_V01) {
+            change["event"] = "indication";
+            change["msgId"] = indication->msgId;
+            change["bytes"] = indication->bytes.size();
+        } else if (result != XAL_NO_ERR) {
+            change["event"] = "undecodable";
+            change["bytes"] = indication->bytes.size();
+        } else if (!decoded.profile_changed_ind_valid) {
+            change["event"] = "empty";
+        } else {
+            const auto& record = decoded.profile_changed_ind;
+            const int32_t event = record.profile_change_evt;
+            change["event"] = event >= 1 && event <= 5 ? kEvents[event] : std::to_string(event);
+            if (record.profile_type != WDS_PROFILE_TYPE_ALL_V01) {
+                change["type"] = xalsim::typeName(record.profile_type);
+                change["index"] = record.profile_index;
+            }
+            if (event == WDS_PROFILE_EVENT_CREATE_V01 || event == WDS_PROFILE_EVENT_MODIFY_V01) {
+                if (auto settings = watcher.settings({record.profile_type, record.profile_index})) {
+                    auto fields = xalsim::profileToJson({record.profile_type, record.profile_index},
+                                                        *settings);
+                    fields.erase("type");
+                    fields.erase("index");
+                    change["settings"] = fields;
+                }
+            }
+        }
+        if (mGlobals.json) {
+            mOut << change.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+        } else {
+            std::string line = change["event"].get<std::string>();
+            if (change.contains("type")) {
+                line += " " + change["type"].get<std::string>() + " " + change["index"].dump();
+            }
+            if (change.contains("msgId")) line += " " + change["msgId"].dump();
+            if (change.contains("bytes")) line += " (" + change["bytes"].dump() + " bytes)";
+            if (change.contains("settings")) {
+                line += ":";
+                for (const auto& [name, value] : change["settings"].items()) {
+                    line += " " + name + "=" +
+                            value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+                }
+            }
+            mOut << line << "\n";
+        }
+        mOut.flush();
+    }
+    return kOk;
+}
 
 // Splits a shell line into words; double quotes group, backslash escapes.
 std::vector<std::string> splitLine(const std::string& line) {
@@ -903,10 +1335,13 @@ int Commands::shell(Args& args) {
                 const int number = parseInt(words[0].substr(1), "a handle", 1);
                 if (!mSession.drop(number)) throw UsageError("no handle " + words[0]);
                 mSession.settle();
+                mSession.checkSaved();
                 mOut << "dropped #" << number << "\n";
             } else {
                 status = inner.execute(command, Args(words));
             }
+            // What the line changed is stored now: an interrupted session
+            // keeps every change it reported.
         } catch (const UsageError& e) {
             mErr << "kivctl: " << e.what() << "\n";
             status = kBadInput;
@@ -939,6 +1374,8 @@ int run(const std::vector<std::string>& words, std::istream& in, std::ostream& o
                 return kOk;
             } else if (option == "--modem-state") {
                 globals.statePath = valueOf();
+            } else if (option == "--modem") {
+                globals.modemSocket = valueOf();
             } else if (option == "--instance") {
                 globals.instance = parseInt(valueOf(), "--instance", 0);
             } else if (option == "--timeout") {
@@ -964,11 +1401,17 @@ int run(const std::vector<std::string>& words, std::istream& in, std::ostream& o
             return kOk;
         }
         if (kCommandHelp.count(command) == 0) throw UsageError("unknown command '" + command + "'");
+        if (globals.modemSocket.empty()) {
+            const char* named = getenv("KIVR_MODEM");
+            if (named != nullptr) globals.modemSocket = named;
+        }
         if (globals.statePath.empty()) globals.statePath = defaultStatePath();
 
         Session session(globals);
         Commands commands(session, globals, in, out, err, false);
-        return commands.execute(command, std::move(args));
+        const int status = commands.execute(command, std::move(args));
+        session.finish();
+        return status;
     } catch (const UsageError& e) {
         err << "kivctl: " << e.what() << "\n";
         return kBadInput;

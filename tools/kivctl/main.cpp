@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -7,6 +8,8 @@
 #include "Kivctl.h"
 
 int main(int argc, char** argv) {
+    // A state file that outgrows the size limit is a failed save to report.
+    signal(SIGXFSZ, SIG_IGN);
     const int status = kivctl::run(std::vector<std::string>(argv + 1, argv + argc), std::cin,
                                    std::cout, std::cerr);
     // The library's shutdown at exit writes a trace line to standard output;

@@ -1,0 +1,814 @@
+// The messaging client interface over the modem service's socket.
+//
+// One event thread reads every connection of the process, answers the
+// requests waiting for their responses and runs the callbacks. Handles are
+// never freed, so a released handle is never mistaken for a live one.
+
+#include "XalRemote.h"
+
+#include <android-base/thread_annotations.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "IndicationCodec.h"
+#include "ServiceWire.h"
+#include "xal/wds_v01.h"
+#include "xal/xal_client.h"
+
+using android::base::unique_fd;
+using Clock = std::chrono::steady_clock;
+using xalremote::EventKind;
+using xalremote::Message;
+using xalremote::MessageType;
+using xalremote::Role;
+
+namespace {
+
+// How long a notifier waits between attempts to reach a service that is away.
+constexpr auto kReconnectInterval = std::chrono::milliseconds(100);
+// How long the service has to answer a hello.
+constexpr auto kHandshakeTimeout = std::chrono::milliseconds(2000);
+
+// What a callback is told.
+struct Callback {
+    EventKind kind;
+    int code;
+    unsigned int msgId;
+    std::vector<uint8_t> payload;
+};
+
+// One answer awaited by a caller: a response or a pong.
+struct Awaited {
+    bool done = false;
+    xal_client_error_type result = XAL_NO_ERR;
+    std::vector<uint8_t> body;
+};
+
+}  // namespace
+
+struct xal_client_struct {
+    explicit xal_client_struct(bool isNotifier) : notifier(isNotifier) {}
+
+    const bool notifier;
+    // Everything below is guarded by Transport::mLock.
+    unique_fd fd;           // the connection; may be closed only by release
+    bool released = false;
+    bool connected = false;    // the connection is up and read by the event thread
+    bool lost = false;         // service client: the service went away or down
+    bool lostReported = false; // its error callback was queued
+    bool serviceUp = false;    // notifier: as last told
+    bool registered = false;   // service client: its event-list request was answered
+    uint32_t nextSeq = 0;
+    std::map<uint32_t, Awaited*> awaited;
+    Clock::time_point retryAt{};  // notifier without a connection: the next attempt
+    xal_client_notify_cb notifyCb = nullptr;
+    void* notifyData = nullptr;
+    xal_client_error_cb errorCb = nullptr;
+    void* errorData = nullptr;
+    xal_client_ind_cb indCb = nullptr;
+    void* indData = nullptr;
+    std::mutex sendLock;  // one writer on the connection at a time
+};
+
+struct xal_idl_service_object {
+    int version;
+};
+
+namespace {
+
+xal_idl_service_object sWdsService{1};
+
+// Sends one packet, waiting for room until the deadline.
+xal_client_error_type sendPacket(int fd, const Message& message, Clock::time_point deadline) {
+    const std::vector<uint8_t> bytes = xalremote::encode(message);
+    for (;;) {
+        const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent == static_cast<ssize_t>(bytes.size())) return XAL_NO_ERR;
+        if (sent >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+            return XAL_SERVICE_ERR;
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) return XAL_TIMEOUT_ERR;
+        pollfd out{fd, POLLOUT, 0};
+        poll(&out, 1, static_cast<int>(std::min<int64_t>(left.count(), 60000)));
+    }
+}
+
+// Reads one packet, waiting until the deadline. Null on time-out, end or error.
+std::optional<Message> receivePacket(int fd, Clock::time_point deadline, bool* closed) {
+    std::vector<uint8_t> buffer(xalremote::kMaxMessage + 1);
+    for (;;) {
+        const ssize_t got = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (got > 0) return xalremote::decode(buffer.data(), static_cast<size_t>(got), nullptr);
+        if (got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+            *closed = true;
+            return std::nullopt;
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) return std::nullopt;
+        pollfd in{fd, POLLIN, 0};
+        poll(&in, 1, static_cast<int>(std::min<int64_t>(left.count(), 60000)));
+    }
+}
+
+// Opens a connection and says hello; the service's answer, or why not.
+xal_client_error_type handshake(unique_fd& fd, Role role, uint32_t flags) {
+    fd = xalremote::connectToService();
+    if (fd.get() < 0) return XAL_SERVICE_ERR;
+    const auto deadline = Clock::now() + kHandshakeTimeout;
+    const Message hello = xalremote::makeMessage(MessageType::kHello, 0,
+                                                 {static_cast<uint32_t>(role), flags,
+                                                  static_cast<uint32_t>(getpid())});
+    if (sendPacket(fd.get(), hello, deadline) != XAL_NO_ERR) {
+        fd.reset();
+        return XAL_SERVICE_ERR;
+    }
+    bool closed = false;
+    auto welcome = receivePacket(fd.get(), deadline, &closed);
+    if (!welcome || welcome->type != MessageType::kWelcome) {
+        fd.reset();
+        return XAL_SERVICE_ERR;
+    }
+    const auto result = static_cast<xal_client_error_type>(welcome->words[0]);
+    if (result != XAL_NO_ERR) fd.reset();
+    return result;
+}
+
+class Transport {
+  public:
+    static Transport& instance() {
+        // Immortal: clients may still be released while the process exits.
+        static Transport* sInstance = new Transport;
+        return *sInstance;
+    }
+
+    void setPath(const std::string& path) {
+        std::lock_guard<std::mutex> guard(mLock);
+        mPath = path;
+    }
+    std::string path() {
+        std::lock_guard<std::mutex> guard(mLock);
+        return mPath;
+    }
+    void setConnector(xalremote::Connector connect) {
+        std::lock_guard<std::mutex> guard(mLock);
+        mConnector = std::move(connect);
+    }
+
+    unique_fd connect() {
+        xalremote::Connector connector;
+        std::string path;
+        {
+            std::lock_guard<std::mutex> guard(mLock);
+            connector = mConnector;
+            path = mPath;
+        }
+        unique_fd fd;
+        if (connector) {
+            fd = connector();
+        } else {
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            if (path.empty() || path.size() >= sizeof(address.sun_path)) return unique_fd();
+            memcpy(address.sun_path, path.data(), path.size());
+            fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+            if (fd.get() < 0 ||
+                TEMP_FAILURE_RETRY(::connect(fd.get(), reinterpret_cast<sockaddr*>(&address),
+                                             sizeof(address))) != 0) {
+                return unique_fd();
+            }
+        }
+        if (fd.get() >= 0) {
+            const int flags = fcntl(fd.get(), F_GETFL);
+            if (flags < 0 || fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) != 0) return unique_fd();
+        }
+        return fd;
+    }
+
+    xal_client_type newNotifier() {
+        auto handle = std::make_unique<xal_client_struct>(true);
+        xal_client_type client = handle.get();
+        unique_fd fd;
+        const bool up = handshake(fd, Role::kNotifier, 0) == XAL_NO_ERR;
+        std::lock_guard<std::mutex> guard(mLock);
+        mHandles.emplace(client, std::move(handle));
+        if (up) {
+            attachLocked(client, std::move(fd));
+        } else {
+            client->retryAt = Clock::now() + kReconnectInterval;
+        }
+        startLocked();
+        return client;
+    }
+
+    xal_client_error_type newClient(xal_client_ind_cb indCb, void* indData, xal_client_type* out) {
+        bool returning;
+        {
+            std::lock_guard<std::mutex> guard(mLock);
+            returning = std::exchange(mServiceLost, false);
+        }
+        unique_fd fd;
+        const xal_client_error_type result =
+                handshake(fd, Role::kService, returning ? xalremote::kReturning : 0);
+        std::lock_guard<std::mutex> guard(mLock);
+        if (result != XAL_NO_ERR) {
+            mServiceLost = mServiceLost || returning;
+            return result;
+        }
+        auto handle = std::make_unique<xal_client_struct>(false);
+        xal_client_type client = handle.get();
+        client->indCb = indCb;
+        client->indData = indData;
+        mHandles.emplace(client, std::move(handle));
+        attachLocked(client, std::move(fd));
+        startLocked();
+        *out = client;
+        return XAL_NO_ERR;
+    }
+
+    bool isLive(xal_client_type client) {
+        std::lock_guard<std::mutex> guard(mLock);
+        return isLiveLocked(client);
+    }
+
+    xal_client_error_type registerNotify(xal_client_type client, xal_client_notify_cb cb,
+                                         void* data) {
+        std::lock_guard<std::mutex> guard(mLock);
+        if (!isLiveLocked(client) || !client->notifier) return XAL_CLIENT_INVALID_CLNT;
+        client->notifyCb = cb;
+        client->notifyData = data;
+        // The service tells a watching notifier whether it is up.
+        if (cb != nullptr && client->connected) {
+            sendPacket(client->fd.get(), xalremote::makeMessage(MessageType::kWatch),
+                       Clock::now() + kHandshakeTimeout);
+        }
+        return XAL_NO_ERR;
+    }
+
+    xal_client_error_type registerError(xal_client_type client, xal_client_error_cb cb,
+                                        void* data) {
+        std::lock_guard<std::mutex> guard(mLock);
+        if (!isLiveLocked(client) || client->notifier) return XAL_CLIENT_INVALID_CLNT;
+        client->errorCb = cb;
+        client->errorData = data;
+        // A service already lost is reported at once, as it would have been.
+        if (cb != nullptr && client->lost && !client->lostReported) {
+            client->lostReported = true;
+            mDeferred.push_back({client, {EventKind::kError, XAL_SERVICE_ERR, 0, {}}});
+            wakeLocked();
+        }
+        return XAL_NO_ERR;
+    }
+
+    xal_client_error_type sendSync(xal_client_type client, unsigned int msgId, const void* request,
+                                   unsigned int requestLength, void* response,
+                                   unsigned int responseLength, unsigned int timeoutMs) {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+        Awaited answer;
+        uint32_t seq;
+        std::unique_lock<std::mutex> guard(mLock);
+        if (!isLiveLocked(client) || client->notifier) return XAL_CLIENT_INVALID_CLNT;
+        if (client->lost || !client->connected) return XAL_SERVICE_ERR;
+        seq = ++client->nextSeq;
+        client->awaited[seq] = &answer;
+        const bool onEventThread = std::this_thread::get_id() == mThreadId;
+        guard.unlock();
+        xal_client_error_type sent;
+        {
+            std::lock_guard<std::mutex> writer(client->sendLock);
+            const auto* bytes = static_cast<const uint8_t*>(request);
+            sent = sendPacket(client->fd.get(),
+                              xalremote::makeMessage(MessageType::kRequest, seq,
+                                                     {msgId, timeoutMs, responseLength},
+                                                     std::vector<uint8_t>(bytes, bytes + requestLength)),
+                              deadline);
+        }
+        if (sent == XAL_NO_ERR && onEventThread) {
+            // A callback asking: nobody else reads this connection meanwhile.
+            readInline(client, seq, deadline);
+        }
+        guard.lock();
+        if (sent == XAL_NO_ERR && !onEventThread) {
+            mChanged.wait_until(guard, deadline, [&] { return answer.done; });
+        }
+        client->awaited.erase(seq);
+        if (sent != XAL_NO_ERR) return sent;
+        if (!answer.done) return XAL_TIMEOUT_ERR;
+        if (answer.result == XAL_NO_ERR) {
+            ++mAnswered[msgId];
+            memset(response, 0, responseLength);
+            memcpy(response, answer.body.data(), std::min<size_t>(answer.body.size(), responseLength));
+            if (msgId == XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) {
+                client->registered = true;
+                mChanged.notify_all();
+            }
+        }
+        return answer.result;
+    }
+
+    xal_client_error_type release(xal_client_type client) {
+        std::unique_lock<std::mutex> guard(mLock);
+        if (!isLiveLocked(client)) return XAL_CLIENT_INVALID_CLNT;
+        client->released = true;
+        detachLocked(client);
+        for (auto& [seq, awaited] : client->awaited) {
+            awaited->done = true;
+            awaited->result = XAL_CLIENT_INVALID_CLNT;
+        }
+        mDeferred.erase(std::remove_if(mDeferred.begin(), mDeferred.end(),
+                                       [client](const Deferred& d) { return d.client == client; }),
+                        mDeferred.end());
+        mChanged.notify_all();
+        // A callback of this client running now finishes first, unless the
+        // caller is that callback.
+        if (std::this_thread::get_id() != mThreadId) {
+            mChanged.wait(guard, [&] { return mBusy != client; });
+        }
+        // Kept, never freed: a stale handle must never name a new client.
+        auto it = mHandles.find(client);
+        mReleased.push_back(std::move(it->second));
+        mHandles.erase(it);
+        guard.unlock();
+        {
+            std::lock_guard<std::mutex> writer(client->sendLock);
+            client->fd.reset();
+        }
+        return XAL_NO_ERR;
+    }
+
+    size_t registeredClients() {
+        std::lock_guard<std::mutex> guard(mLock);
+        return registeredLocked();
+    }
+
+    size_t answered(unsigned int msgId) {
+        std::lock_guard<std::mutex> guard(mLock);
+        auto it = mAnswered.find(msgId);
+        return it == mAnswered.end() ? 0 : it->second;
+    }
+
+    bool waitForRegistered(size_t count, std::chrono::milliseconds timeout) {
+        std::unique_lock<std::mutex> guard(mLock);
+        return mChanged.wait_for(guard, timeout, [&] { return registeredLocked() >= count; });
+    }
+
+    bool sync(std::chrono::milliseconds timeout) {
+        const auto deadline = Clock::now() + timeout;
+        std::unique_lock<std::mutex> guard(mLock);
+        if (std::this_thread::get_id() == mThreadId) return false;
+        struct Ping {
+            xal_client_type client;
+            uint32_t seq;
+            std::unique_ptr<Awaited> answer;
+        };
+        std::vector<Ping> pings;
+        for (const auto& [client, handle] : mHandles) {
+            if (!client->connected) continue;
+            Ping ping{client, ++client->nextSeq, std::make_unique<Awaited>()};
+            client->awaited[ping.seq] = ping.answer.get();
+            pings.push_back(std::move(ping));
+        }
+        guard.unlock();
+        for (auto& ping : pings) {
+            std::lock_guard<std::mutex> writer(ping.client->sendLock);
+            if (ping.client->fd.get() < 0 ||
+                sendPacket(ping.client->fd.get(), xalremote::makeMessage(MessageType::kPing, ping.seq),
+                           deadline) != XAL_NO_ERR) {
+                ping.answer->done = true;  // gone: nothing more comes from it
+            }
+        }
+        guard.lock();
+        // A pong is read after every event sent before it was delivered; so
+        // is a connection's end. Deferred callbacks run before the next read.
+        const bool done = mChanged.wait_until(guard, deadline, [&] {
+            for (const auto& ping : pings) {
+                if (!ping.answer->done) return false;
+            }
+            return mDeferred.empty() && mBusy == nullptr;
+        });
+        for (auto& ping : pings) ping.client->awaited.erase(ping.seq);
+        return done;
+    }
+
+  private:
+    // A callback owed to a client.
+    struct Deferred {
+        xal_client_type client;
+        Callback event;
+    };
+
+    Transport()
+        : mBusy(nullptr),
+          mServiceLost(false),
+          mEpoll(epoll_create1(EPOLL_CLOEXEC)),
+          mWake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+        const char* path = getenv("KIVR_MODEM");
+        if (path != nullptr) mPath = path;
+        if (mEpoll.get() < 0 || mWake.get() < 0) abort();
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.ptr = nullptr;
+        epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, mWake.get(), &event);
+    }
+
+    bool isLiveLocked(xal_client_type client) const REQUIRES(mLock) {
+        return mHandles.count(client) != 0;
+    }
+
+    size_t registeredLocked() const REQUIRES(mLock) {
+        size_t count = 0;
+        for (const auto& [client, handle] : mHandles) {
+            count += !client->notifier && !client->lost && client->registered;
+        }
+        return count;
+    }
+
+    void startLocked() REQUIRES(mLock) {
+        if (mThread.joinable()) return;
+        mThread = std::thread([this] { run(); });
+        mThreadId = mThread.get_id();
+    }
+
+    void wakeLocked() REQUIRES(mLock) {
+        const uint64_t one = 1;
+        TEMP_FAILURE_RETRY(write(mWake.get(), &one, sizeof(one)));
+    }
+
+    void attachLocked(xal_client_type client, unique_fd fd) REQUIRES(mLock) {
+        client->fd = std::move(fd);
+        client->connected = true;
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.ptr = client;
+        epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, client->fd.get(), &event);
+    }
+
+    void detachLocked(xal_client_type client) REQUIRES(mLock) {
+        if (!client->connected) return;
+        client->connected = false;
+        epoll_ctl(mEpoll.get(), EPOLL_CTL_DEL, client->fd.get(), nullptr);
+    }
+
+    // The connection ended: the service went away.
+    void lostLocked(xal_client_type client) REQUIRES(mLock) {
+        detachLocked(client);
+        for (auto& [seq, awaited] : client->awaited) {
+            awaited->done = true;
+            awaited->result = XAL_SERVICE_ERR;
+        }
+        if (client->notifier) {
+            if (client->serviceUp) {
+                client->serviceUp = false;
+                mDeferred.push_back(
+                        {client, {EventKind::kNotify, XAL_CLIENT_SERVICE_COUNT_DEC, 0, {}}});
+            }
+            client->retryAt = Clock::now() + kReconnectInterval;
+        } else {
+            markLostLocked(client);
+        }
+        mChanged.notify_all();
+    }
+
+    void markLostLocked(xal_client_type client) REQUIRES(mLock) {
+        if (client->lost) return;
+        client->lost = true;
+        mServiceLost = true;
+        if (client->errorCb != nullptr && !client->lostReported) {
+            client->lostReported = true;
+            mDeferred.push_back({client, {EventKind::kError, XAL_SERVICE_ERR, 0, {}}});
+        }
+    }
+
+    // One message from the service, read by the event thread (or inline).
+    void takeLocked(xal_client_type client, Message message) REQUIRES(mLock) {
+        switch (message.type) {
+            case MessageType::kResponse:
+            case MessageType::kPong: {
+                auto it = client->awaited.find(message.seq);
+                if (it == client->awaited.end()) return;  // its caller stopped waiting
+                it->second->done = true;
+                it->second->result = message.type == MessageType::kResponse
+                                             ? static_cast<xal_client_error_type>(message.words[0])
+                                             : XAL_NO_ERR;
+                it->second->body = std::move(message.body);
+                mChanged.notify_all();
+                return;
+            }
+            case MessageType::kEvent: {
+                const auto kind = static_cast<EventKind>(message.words[0]);
+                const int code = static_cast<int>(message.words[1]);
+                if (kind == EventKind::kNotify && client->notifier) {
+                    client->serviceUp = code == XAL_CLIENT_SERVICE_COUNT_INC;
+                } else if (kind == EventKind::kError && !client->notifier) {
+                    // Reported through markLostLocked, once.
+                    markLostLocked(client);
+                    return;
+                } else if (kind != EventKind::kIndication || client->notifier) {
+                    return;
+                }
+                mDeferred.push_back({client, {kind, code, message.words[2], std::move(message.body)}});
+                return;
+            }
+            default:
+                return;  // nothing else is meant for a client
+        }
+    }
+
+    // Reads the calling callback's own connection until its answer arrives.
+    void readInline(xal_client_type client, uint32_t seq, Clock::time_point deadline) {
+        for (;;) {
+            bool closed = false;
+            auto message = receivePacket(client->fd.get(), deadline, &closed);
+            std::lock_guard<std::mutex> guard(mLock);
+            if (closed) {
+                lostLocked(client);
+                return;
+            }
+            if (!message) return;
+            const bool answer = message->type == MessageType::kResponse && message->seq == seq;
+            takeLocked(client, std::move(*message));
+            if (answer) return;
+        }
+    }
+
+    void deliver(xal_client_type client, const Callback& event) {
+        std::vector<uint8_t> payload = event.payload;
+        switch (event.kind) {
+            case EventKind::kNotify:
+                if (client->notifyCb) {
+                    client->notifyCb(client, &sWdsService,
+                                     static_cast<xal_client_notify_event_type>(event.code),
+                                     client->notifyData);
+                }
+                break;
+            case EventKind::kError:
+                if (client->errorCb) client->errorCb(client, event.code, client->errorData);
+                break;
+            case EventKind::kIndication:
+                if (client->indCb) {
+                    client->indCb(client, event.msgId, payload.data(),
+                                  static_cast<unsigned int>(payload.size()), client->indData);
+                }
+                break;
+        }
+    }
+
+    // Runs the callbacks owed, in order, none while the lock is held.
+    void runDeferred(std::unique_lock<std::mutex>& guard) REQUIRES(mLock) {
+        while (!mDeferred.empty()) {
+            Deferred next = std::move(mDeferred.front());
+            mDeferred.pop_front();
+            if (next.client->released) continue;
+            mBusy = next.client;
+            guard.unlock();
+            deliver(next.client, next.event);
+            guard.lock();
+            mBusy = nullptr;
+            mChanged.notify_all();
+        }
+    }
+
+    void reconnectLocked(std::unique_lock<std::mutex>& guard, xal_client_type client)
+            REQUIRES(mLock) {
+        mBusy = client;
+        guard.unlock();
+        unique_fd fd;
+        const bool up = handshake(fd, Role::kNotifier, 0) == XAL_NO_ERR;
+        guard.lock();
+        mBusy = nullptr;
+        mChanged.notify_all();
+        if (client->released) return;
+        if (!up) {
+            client->retryAt = Clock::now() + kReconnectInterval;
+            return;
+        }
+        attachLocked(client, std::move(fd));
+        if (client->notifyCb != nullptr) {
+            sendPacket(client->fd.get(), xalremote::makeMessage(MessageType::kWatch),
+                       Clock::now() + kHandshakeTimeout);
+        }
+    }
+
+    void run() {
+        std::vector<uint8_t> buffer(xalremote::kMaxMessage + 1);
+        std::unique_lock<std::mutex> guard(mLock);
+        for (;;) {
+            runDeferred(guard);
+            // Notifiers whose service is away try again when their time comes.
+            int timeout = -1;
+            const auto now = Clock::now();
+            std::vector<xal_client_type> away;
+            for (const auto& [client, handle] : mHandles) {
+                if (client->notifier && !client->connected) away.push_back(client);
+            }
+            for (xal_client_type client : away) {
+                if (client->released || client->connected) continue;
+                if (client->retryAt <= now) {
+                    reconnectLocked(guard, client);
+                    runDeferred(guard);
+                }
+                if (!client->released && !client->connected) {
+                    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(client->retryAt -
+                                                                                   Clock::now());
+                    const int ms = static_cast<int>(std::max<int64_t>(wait.count(), 0));
+                    timeout = timeout < 0 ? ms : std::min(timeout, ms);
+                }
+            }
+            guard.unlock();
+            epoll_event events[8];
+            const int count = epoll_wait(mEpoll.get(), events, 8, timeout);
+            guard.lock();
+            for (int i = 0; i < count; ++i) {
+                auto* client = static_cast<xal_client_type>(events[i].data.ptr);
+                if (client == nullptr) {
+                    uint64_t value;
+                    while (read(mWake.get(), &value, sizeof(value)) > 0) {
+                    }
+                    continue;
+                }
+                // Released or reattached since the wait: not this connection's turn.
+                if (client->released || !client->connected) continue;
+                mBusy = client;
+                const int fd = client->fd.get();
+                guard.unlock();
+                std::vector<Message> messages;
+                bool closed = false;
+                for (int turn = 0; turn < 32; ++turn) {
+                    const ssize_t got = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+                    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+                    if (got < 0 && errno == EINTR) continue;
+                    if (got <= 0) {
+                        closed = true;
+                        break;
+                    }
+                    auto message = xalremote::decode(buffer.data(), static_cast<size_t>(got), nullptr);
+                    if (!message) {
+                        closed = true;  // a service that speaks nonsense is no service
+                        break;
+                    }
+                    messages.push_back(std::move(*message));
+                }
+                guard.lock();
+                mBusy = nullptr;
+                mChanged.notify_all();
+                if (client->released) continue;
+                for (auto& message : messages) takeLocked(client, std::move(message));
+                if (closed && client->connected) lostLocked(client);
+                runDeferred(guard);
+            }
+        }
+    }
+
+    std::mutex mLock;
+    std::condition_variable mChanged;  // answers, registrations, deliveries
+    std::string mPath GUARDED_BY(mLock);
+    xalremote::Connector mConnector GUARDED_BY(mLock);
+    std::map<xal_client_type, std::unique_ptr<xal_client_struct>> mHandles GUARDED_BY(mLock);
+    std::vector<std::unique_ptr<xal_client_struct>> mReleased GUARDED_BY(mLock);
+    std::deque<Deferred> mDeferred GUARDED_BY(mLock);
+    std::map<unsigned int, size_t> mAnswered GUARDED_BY(mLock);
+    // The handle whose connection or callback the event thread is busy with.
+    xal_client_type mBusy GUARDED_BY(mLock);
+    // Some service client lost the service; the next one to connect says so.
+    bool mServiceLost GUARDED_BY(mLock);
+    const unique_fd mEpoll;
+    const unique_fd mWake;
+    std::thread mThread;
+    std::atomic<std::thread::id> mThreadId{};
+};
+
+}  // namespace
+
+namespace xalremote {
+
+void setSocketPath(const std::string& path) {
+    Transport::instance().setPath(path);
+}
+
+std::string socketPath() {
+    return Transport::instance().path();
+}
+
+void setConnector(Connector connect) {
+    Transport::instance().setConnector(std::move(connect));
+}
+
+unique_fd connectToService() {
+    return Transport::instance().connect();
+}
+
+size_t registeredClients() {
+    return Transport::instance().registeredClients();
+}
+
+bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout) {
+    return Transport::instance().waitForRegistered(count, timeout);
+}
+
+size_t answeredRequests(unsigned int msgId) {
+    return Transport::instance().answered(msgId);
+}
+
+bool sync(std::chrono::milliseconds timeout) {
+    return Transport::instance().sync(timeout);
+}
+
+}  // namespace xalremote
+
+extern "C" {
+
+xal_idl_service_object_type wds_get_service_object_internal_v01(int32_t idl_maj_version,
+                                                                int32_t /*idl_min_version*/,
+                                                                int32_t /*library_version*/) {
+    return idl_maj_version == 1 ? &sWdsService : nullptr;
+}
+
+xal_client_error_type xal_client_notifier_init(xal_idl_service_object_type service_obj,
+                                               xal_client_os_params* os_params,
+                                               xal_client_type* user_handle) {
+    if (user_handle == nullptr || os_params == nullptr || service_obj != &sWdsService) {
+        return XAL_CLIENT_PARAM_ERR;
+    }
+    *user_handle = Transport::instance().newNotifier();
+    return XAL_NO_ERR;
+}
+
+xal_client_error_type xal_client_register_notify_cb(xal_client_type user_handle,
+                                                    xal_client_notify_cb notify_cb,
+                                                    void* notify_cb_data) {
+    return Transport::instance().registerNotify(user_handle, notify_cb, notify_cb_data);
+}
+
+xal_client_error_type xal_client_get_any_service(xal_idl_service_object_type service_obj,
+                                                 xal_service_info* service_info) {
+    if (service_info == nullptr || service_obj != &sWdsService) return XAL_CLIENT_PARAM_ERR;
+    unique_fd probe;
+    const xal_client_error_type result = handshake(probe, Role::kProbe, 0);
+    if (result != XAL_NO_ERR) return XAL_SERVICE_ERR;
+    memset(service_info, 0, sizeof(*service_info));
+    service_info->reserved[0] = 1;  // the one instance of the service
+    return XAL_NO_ERR;
+}
+
+xal_client_error_type xal_client_init(xal_service_info* service_info,
+                                      xal_idl_service_object_type service_obj,
+                                      xal_client_ind_cb ind_cb, void* ind_cb_data,
+                                      xal_client_os_params* os_params,
+                                      xal_client_type* user_handle) {
+    if (service_info == nullptr || os_params == nullptr || user_handle == nullptr ||
+        service_obj != &sWdsService) {
+        return XAL_CLIENT_PARAM_ERR;
+    }
+    return Transport::instance().newClient(ind_cb, ind_cb_data, user_handle);
+}
+
+xal_client_error_type xal_client_register_error_cb(xal_client_type user_handle,
+                                                   xal_client_error_cb err_cb, void* err_cb_data) {
+    return Transport::instance().registerError(user_handle, err_cb, err_cb_data);
+}
+
+xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsigned int msg_id,
+                                               void* req_c_struct, unsigned int req_c_struct_len,
+                                               void* resp_c_struct, unsigned int resp_c_struct_len,
+                                               unsigned int timeout_msecs) {
+    Transport& transport = Transport::instance();
+    if (!transport.isLive(user_handle)) return XAL_CLIENT_INVALID_CLNT;
+    if ((req_c_struct == nullptr && req_c_struct_len != 0) || resp_c_struct == nullptr ||
+        resp_c_struct_len < sizeof(xal_response_type_v01) ||
+        req_c_struct_len > xalremote::kMaxMessage - xalremote::kHeaderSize - 12) {
+        return XAL_CLIENT_PARAM_ERR;
+    }
+    return transport.sendSync(user_handle, msg_id, req_c_struct, req_c_struct_len, resp_c_struct,
+                              resp_c_struct_len, timeout_msecs);
+}
+
+xal_client_error_type xal_client_message_decode(xal_client_type /*user_handle*/,
+                                                xal_idl_type_of_msg_type req_resp_ind,
+                                                unsigned int message_id, const void* p_src,
+                                                unsigned int src_len, void* p_dst,
+                                                unsigned int dst_len) {
+    return xalsim::decodeMessage(req_resp_ind, message_id, p_src, src_len, p_dst, dst_len);
+}
+
+xal_client_error_type xal_client_release(xal_client_type user_handle) {
+    return Transport::instance().release(user_handle);
+}
+
+}  // extern "C"

@@ -1,0 +1,54 @@
+// The messaging client interface (xal_client.h) served by the modem service
+// (kivmodemd) over a Unix socket: link libxalremote instead of libxalsim
+// and the same library runs against a modem shared by many processes.
+//
+// Each client or notifier made through the interface is one connection,
+// one client of the service. Callbacks run on this library's own event
+// thread, in the order the service sent them. A service that goes away is a
+// modem that went down (error callbacks, notifiers told
+// XAL_CLIENT_SERVICE_COUNT_DEC); notifiers keep trying to reconnect and are
+// told XAL_CLIENT_SERVICE_COUNT_INC once it is back.
+//
+// What follows is for programs and tests that set up or watch this
+// process's clients; the C interface needs none of it.
+#pragma once
+
+#include <android-base/unique_fd.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+namespace xalremote {
+
+// Where this process's clients reach the service. The default is the
+// socket named by the environment variable KIVR_MODEM.
+void setSocketPath(const std::string& path);
+std::string socketPath();
+
+// Makes every new connection with `connect` instead (for a service running
+// in this process); an empty function restores the socket path.
+using Connector = std::function<android::base::unique_fd()>;
+void setConnector(Connector connect);
+
+// A new connection to the service, made as this process's clients make
+// theirs; not open (-1) when the service cannot be reached.
+android::base::unique_fd connectToService();
+
+// Service clients of this process that are open, have not lost the service
+// and have finished registering for profile events (their event-list
+// request was answered).
+size_t registeredClients();
+// Waits until at least `count` clients are registered (true) or the time-out.
+bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout);
+
+// Requests of a kind that this process's clients have had answered by the
+// service (accepted or not).
+size_t answeredRequests(unsigned int msgId);
+
+// Returns once every event the service sent to this process's open clients
+// before the call has been delivered to their callbacks (true), or at the
+// time-out. Not on the event thread (from a callback): false.
+bool sync(std::chrono::milliseconds timeout);
+
+}  // namespace xalremote

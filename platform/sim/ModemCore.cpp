@@ -1,0 +1,766 @@
+// The simulated modem: profile table, request service, clients, fault
+// injection and observation.
+
+#include "ModemCore.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "IndicationCodec.h"
+#include "SettingsFields.h"
+
+namespace xalsim {
+
+namespace {
+
+// The record sizes of every message the service answers.
+struct MessageSizes {
+    unsigned int msgId;
+    size_t request;
+    size_t response;
+};
+
+constexpr MessageSizes kMessages[] = {
+        {XAL_WDS_INDICATION_REGISTER_REQ_V01, sizeof(wds_indication_register_req_msg_v01),
+         sizeof(wds_generic_resp_msg_v01)},
+        {XAL_WDS_CREATE_PROFILE_REQ_V01, sizeof(wds_create_profile_req_msg_v01),
+         sizeof(wds_create_profile_resp_msg_v01)},
+        {XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, sizeof(wds_modify_profile_settings_req_msg_v01),
+         sizeof(wds_modify_profile_settings_resp_msg_v01)},
+        {XAL_WDS_DELETE_PROFILE_REQ_V01, sizeof(wds_delete_profile_req_msg_v01),
+         sizeof(wds_delete_profile_resp_msg_v01)},
+        {XAL_WDS_GET_PROFILE_LIST_REQ_V01, sizeof(wds_get_profile_list_req_msg_v01),
+         sizeof(wds_get_profile_list_resp_msg_v01)},
+        {XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01, sizeof(wds_get_profile_settings_req_msg_v01),
+         sizeof(wds_get_profile_settings_resp_msg_v01)},
+        {XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01,
+         sizeof(wds_configure_profile_event_list_req_msg_v01), sizeof(wds_generic_resp_msg_v01)},
+        {XAL_WDS_BIND_SUBSCRIPTION_REQ_V01, sizeof(wds_bind_subscription_req_msg_v01),
+         sizeof(wds_generic_resp_msg_v01)},
+};
+
+// The sizes of a message, or null for one the service does not know.
+const MessageSizes* sizesOf(unsigned int msgId) {
+    for (const auto& message : kMessages) {
+        if (message.msgId == msgId) return &message;
+    }
+    return nullptr;
+}
+
+bool knownType(int32_t type) {
+    return type == WDS_PROFILE_TYPE_3GPP_V01 || type == WDS_PROFILE_TYPE_3GPP2_V01;
+}
+
+template <typename T>
+T readRecord(const void* bytes) {
+    T record;
+    memcpy(&record, bytes, sizeof(record));
+    return record;
+}
+
+// Fills every string field of a settings response to its last byte.
+void unterminateStrings(Settings& s) {
+#define XALSIM_FILL(kind, name) XALSIM_FILL_##kind(name)
+#define XALSIM_FILL_STR(name) \
+    s.name##_valid = 1;       \
+    memset(s.name, 'Z', sizeof(s.name));
+#define XALSIM_FILL_NUM(name)
+    XALSIM_SETTINGS_FIELDS(XALSIM_FILL)
+#undef XALSIM_FILL_NUM
+#undef XALSIM_FILL_STR
+#undef XALSIM_FILL
+}
+
+bool sameTable(const Table& a, const Table& b) {
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](const auto& x, const auto& y) {
+               return x.first == y.first &&
+                      memcmp(&x.second, &y.second, sizeof(Settings)) == 0;
+           });
+}
+
+// The indexes a profile type may use on a modem with this configuration.
+std::pair<int, int> indexRange(int32_t type, const Config& config) {
+    const bool threeGpp2 = type == WDS_PROFILE_TYPE_3GPP2_V01;
+    const int first = threeGpp2 ? kFirst3gpp2Index : kFirst3gppIndex;
+    const int capacity = threeGpp2 ? config.capacity3gpp2 : config.capacity3gpp;
+    return {first, std::min(first + capacity - 1, 255)};
+}
+
+}  // namespace
+
+Settings emptySettings() {
+    Settings s;
+    memset(&s, 0, sizeof(s));
+    return s;
+}
+
+Settings make3gppSettings(const std::string& profileName, const std::string& apn,
+                          wds_pdp_type_enum_v01 pdpType, uint64_t apnTypeMask, bool persistent) {
+    Settings s = emptySettings();
+    setText(s.profile_name_valid, s.profile_name, profileName);
+    setText(s.apn_name_valid, s.apn_name, apn);
+    s.pdp_type_valid = 1;
+    s.pdp_type = pdpType;
+    s.apn_type_mask_valid = 1;
+    s.apn_type_mask = apnTypeMask;
+    s.persistent_valid = 1;
+    s.persistent = persistent ? 1 : 0;
+    return s;
+}
+
+Settings make3gpp2Settings(const std::string& apn, wds_profile_pdn_type_enum_v01 pdnType,
+                           bool persistent) {
+    Settings s = emptySettings();
+    setText(s.apn_string_valid, s.apn_string, apn);
+    s.pdn_type_valid = 1;
+    s.pdn_type = pdnType;
+    s.persistent_valid = 1;
+    s.persistent = persistent ? 1 : 0;
+    return s;
+}
+
+Table factoryTable() {
+    auto classed = [](Settings s, uint8_t apnClass) {
+        s.apn_class_valid = 1;
+        s.apn_class = apnClass;
+        return s;
+    };
+    Table table;
+    // APN type masks in the modem's encoding: default and supl; ims; mms.
+    table[{WDS_PROFILE_TYPE_3GPP_V01, 1}] = classed(
+            make3gppSettings("internet", "internet", WDS_PDP_TYPE_PDP_IPV4V6_V01, 0x1 | 0x10, true),
+            3);
+    table[{WDS_PROFILE_TYPE_3GPP_V01, 2}] =
+            classed(make3gppSettings("ims", "ims", WDS_PDP_TYPE_PDP_IPV4V6_V01, 0x2, true), 1);
+    table[{WDS_PROFILE_TYPE_3GPP_V01, 3}] =
+            classed(make3gppSettings("mms", "mms", WDS_PDP_TYPE_PDP_IPV4_V01, 0x4, true), 4);
+    table[{WDS_PROFILE_TYPE_3GPP2_V01, kFirst3gpp2Index}] =
+            make3gpp2Settings("cdma.internet", WDS_PROFILE_PDN_TYPE_IPV4_IPV6_V01, true);
+    return table;
+}
+
+const char* typeName(int32_t profileType) {
+    return profileType == WDS_PROFILE_TYPE_3GPP2_V01 ? "3gpp2" : "3gpp";
+}
+
+// --- ModemCore ------------------------------------------------------------------
+
+ModemCore::ModemCore(EventSink sink) : mSink(std::move(sink)) {}
+
+void ModemCore::touchLocked() {
+    ++mGeneration;
+    mChanged.notify_all();
+}
+
+bool ModemCore::consume(std::map<unsigned int, int>& pending, unsigned int msgId) {
+    auto it = pending.find(msgId);
+    if (it == pending.end() || it->second <= 0) return false;
+    if (--it->second == 0) pending.erase(it);
+    return true;
+}
+
+bool ModemCore::consume(std::map<unsigned int, Failures>& pending, unsigned int msgId) {
+    auto it = pending.find(msgId);
+    if (it == pending.end()) return false;
+    if (it->second.skip > 0) {
+        --it->second.skip;
+        return false;
+    }
+    if (--it->second.count <= 0) pending.erase(it);
+    return true;
+}
+
+bool ModemCore::consume(int& pending) {
+    if (pending <= 0) return false;
+    --pending;
+    return true;
+}
+
+bool ModemCore::commitLocked(const std::function<void()>& change, bool keepOnFailure) {
+    if (!mCommit) {
+        change();
+        touchLocked();
+        return true;
+    }
+    Table before = mTable;
+    change();
+    touchLocked();
+    if (sameTable(before, mTable)) return true;
+    std::string why;
+    if (mCommit(mTable, &why)) return true;
+    ++mCounters.failedCommits;
+    mLastCommitError = why.empty() ? "the table could not be stored" : why;
+    if (!keepOnFailure) mTable = std::move(before);
+    return false;
+}
+
+int ModemCore::lowestFreeIndexLocked(int32_t type) const {
+    const auto [first, last] = indexRange(type, mConfig);
+    for (int index = first; index <= last; ++index) {
+        if (mTable.count({type, static_cast<uint8_t>(index)}) == 0) return index;
+    }
+    return -1;
+}
+
+int ModemCore::createProfileLocked(int32_t type, const Settings& settings) {
+    if (!knownType(type)) return -1;
+    const int index = lowestFreeIndexLocked(type);
+    if (index < 0) return -1;
+    Settings stored = settings;
+    stored.resp = {};
+    const bool kept = commitLocked([&] { mTable[{type, static_cast<uint8_t>(index)}] = stored; });
+    return kept ? index : -1;
+}
+
+ModemCore::Client* ModemCore::findLocked(ClientId client) {
+    auto it = mClients.find(client);
+    return it == mClients.end() ? nullptr : &it->second;
+}
+
+const ModemCore::Client* ModemCore::findLocked(ClientId client) const {
+    auto it = mClients.find(client);
+    return it == mClients.end() ? nullptr : &it->second;
+}
+
+void ModemCore::postLocked(ClientId client, Event event, Clock::time_point due) {
+    if (event.kind == Event::kIndication) ++mCounters.indicationsQueued;
+    mSink(client, std::move(event), due);
+    touchLocked();
+}
+
+void ModemCore::broadcastLocked(unsigned int msgId, const std::vector<uint8_t>& payload) {
+    const auto due = Clock::now() + mConfig.indicationDelay;
+    for (const auto& [id, client] : mClients) {
+        if (client.role != ClientRole::kService || client.released || client.serviceLost ||
+            !client.profileEvents) {
+            continue;
+        }
+        postLocked(id, {Event::kIndication, 0, msgId, payload}, due);
+    }
+}
+
+void ModemCore::broadcastProfileChangedLocked(int32_t type, uint8_t index, int32_t event) {
+    wds_profile_changed_ind_type_v01 record{};
+    record.profile_type = static_cast<wds_profile_type_enum_v01>(type);
+    record.profile_index = index;
+    record.profile_change_evt = static_cast<wds_profile_changed_event_enum_v01>(event);
+    broadcastLocked(XAL_WDS_PROFILE_CHANGED_IND_V01, encodeProfileChanged(&record));
+}
+
+void ModemCore::serviceDownLocked() {
+    if (!mServiceUp) return;
+    mServiceUp = false;
+    const auto now = Clock::now();
+    for (auto& [id, client] : mClients) {
+        if (client.released) continue;
+        if (client.role == ClientRole::kNotifier) {
+            postLocked(id, {Event::kNotify, XAL_CLIENT_SERVICE_COUNT_DEC, 0, {}}, now);
+        } else if (!client.serviceLost) {
+            client.serviceLost = true;
+            mServiceLoss = true;
+            postLocked(id, {Event::kError, XAL_SERVICE_ERR, 0, {}}, now);
+        }
+    }
+    // A restart keeps only what the modem stores persistently; the restart
+    // happened even if the smaller table cannot be stored.
+    commitLocked(
+            [this] {
+                for (auto it = mTable.begin(); it != mTable.end();) {
+                    const bool persistent = it->second.persistent_valid && it->second.persistent;
+                    it = persistent ? std::next(it) : mTable.erase(it);
+                }
+            },
+            /*keepOnFailure=*/true);
+}
+
+void ModemCore::serviceUpLocked() {
+    if (mServiceUp) return;
+    mServiceUp = true;
+    const auto now = Clock::now();
+    for (const auto& [id, client] : mClients) {
+        if (client.role == ClientRole::kNotifier && !client.released) {
+            postLocked(id, {Event::kNotify, XAL_CLIENT_SERVICE_COUNT_INC, 0, {}}, now);
+        }
+    }
+    touchLocked();
+}
+
+xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const void* request,
+                                       unsigned int requestLength, void* response,
+                                       unsigned int responseLength, unsigned int timeoutMs) {
+    std::lock_guard<std::mutex> guard(mLock);
+    Client* client = findLocked(id);
+    if (client == nullptr || client->released || client->role != ClientRole::kService) {
+        return XAL_CLIENT_INVALID_CLNT;
+    }
+    if (!mServiceUp || client->serviceLost) return XAL_SERVICE_ERR;
+
+    const uint8_t* bytes = static_cast<const uint8_t*>(request);
+    mRequests.push_back({id, msgId, timeoutMs,
+                         requestLength ? std::vector<uint8_t>(bytes, bytes + requestLength)
+                                       : std::vector<uint8_t>()});
+    ++mCounters.requests;
+    touchLocked();
+    if (consume(mTimeouts, msgId)) return XAL_TIMEOUT_ERR;
+    const MessageSizes* sizes = sizesOf(msgId);
+    const size_t needed = sizes ? sizes->response : sizeof(wds_generic_resp_msg_v01);
+    if (responseLength < needed) return XAL_CLIENT_PARAM_ERR;
+    memset(response, 0, responseLength);
+    if (auto injected = mInjectedResponses.find(msgId); injected != mInjectedResponses.end()) {
+        const auto& reply = injected->second;
+        if (!reply.empty()) memcpy(response, reply.data(), std::min<size_t>(reply.size(), responseLength));
+        mInjectedResponses.erase(injected);
+        return XAL_NO_ERR;
+    }
+
+    auto* header = static_cast<xal_response_type_v01*>(response);
+    auto fail = [&](uint32_t error) {
+        header->result = 1;
+        header->error = error;
+        ++mCounters.failedRequests;
+        return XAL_NO_ERR;
+    };
+    if (sizes == nullptr || requestLength != sizes->request) return fail(kErrMalformedMessage);
+    if (consume(mFailures, msgId)) return fail(kErrInjected);
+
+    switch (msgId) {
+        case XAL_WDS_BIND_SUBSCRIPTION_REQ_V01:
+            client->subscription =
+                    readRecord<wds_bind_subscription_req_msg_v01>(request).subscription;
+            return XAL_NO_ERR;
+        case XAL_WDS_INDICATION_REGISTER_REQ_V01: {
+            const auto r = readRecord<wds_indication_register_req_msg_v01>(request);
+            client->profileEvents =
+                    r.report_profile_changed_events_valid && r.report_profile_changed_events;
+            if (client->profileEvents && client->returning) {
+                client->returning = false;
+                wds_profile_changed_ind_type_v01 ready{};
+                ready.profile_type = WDS_PROFILE_TYPE_ALL_V01;
+                ready.profile_index = 0xFF;
+                ready.profile_change_evt = WDS_PROFILE_EVENT_PROFILE_READY_V01;
+                postLocked(id,
+                           {Event::kIndication, 0, XAL_WDS_PROFILE_CHANGED_IND_V01,
+                            encodeProfileChanged(&ready)},
+                           Clock::now() + mConfig.indicationDelay);
+            }
+            return XAL_NO_ERR;
+        }
+        case XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01:
+            return XAL_NO_ERR;  // recorded above
+        case XAL_WDS_CREATE_PROFILE_REQ_V01: {
+            const auto r = readRecord<wds_create_profile_req_msg_v01>(request);
+            const int32_t type = r.profile_type;
+            if (!knownType(type)) return fail(kErrInvalidProfileType);
+            const int index = lowestFreeIndexLocked(type);
+            if (index < 0) return fail(kErrNoFreeProfile);
+            Settings settings = emptySettings();
+            copyValidFields(settings, r);
+            settings.persistent_valid = 1;
+            settings.persistent = r.persistent_valid ? (r.persistent ? 1 : 0) : 1;
+            const uint8_t slot = static_cast<uint8_t>(index);
+            if (!commitLocked([&] { mTable[{type, slot}] = settings; })) return fail(kErrStorage);
+            auto* out = static_cast<wds_create_profile_resp_msg_v01*>(response);
+            out->profile.profile_type = static_cast<wds_profile_type_enum_v01>(type);
+            out->profile.profile_index = slot;
+            broadcastProfileChangedLocked(type, slot, WDS_PROFILE_EVENT_CREATE_V01);
+            broadcastProfileChangedLocked(type, slot, WDS_PROFILE_EVENT_MODIFY_V01);
+            return XAL_NO_ERR;
+        }
+        case XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01: {
+            const auto r = readRecord<wds_modify_profile_settings_req_msg_v01>(request);
+            auto it = mTable.find({r.profile.profile_type, r.profile.profile_index});
+            if (it == mTable.end()) return fail(kErrInvalidProfile);
+            if (!commitLocked([&] { copyValidFields(it->second, r); })) return fail(kErrStorage);
+            broadcastProfileChangedLocked(r.profile.profile_type, r.profile.profile_index,
+                                          WDS_PROFILE_EVENT_MODIFY_V01);
+            return XAL_NO_ERR;
+        }
+        case XAL_WDS_DELETE_PROFILE_REQ_V01: {
+            const auto r = readRecord<wds_delete_profile_req_msg_v01>(request);
+            const Slot slot{r.profile.profile_type, r.profile.profile_index};
+            if (mTable.count(slot) == 0) return fail(kErrInvalidProfile);
+            if (!commitLocked([&] { mTable.erase(slot); })) return fail(kErrStorage);
+            broadcastProfileChangedLocked(slot.first, slot.second, WDS_PROFILE_EVENT_DELETE_V01);
+            return XAL_NO_ERR;
+        }
+        case XAL_WDS_GET_PROFILE_LIST_REQ_V01: {
+            const auto r = readRecord<wds_get_profile_list_req_msg_v01>(request);
+            auto* out = static_cast<wds_get_profile_list_resp_msg_v01*>(response);
+            const bool corrupt = consume(mCorruptLists);
+            uint32_t count = 0;
+            for (const auto& [slot, settings] : mTable) {
+                if (r.profile_type_valid && slot.first != r.profile_type) continue;
+                if (count == WDS_PROFILE_LIST_MAX_V01) break;
+                auto& entry = out->profile_list[count++];
+                entry.profile_type = static_cast<wds_profile_type_enum_v01>(slot.first);
+                entry.profile_index = slot.second;
+                if (corrupt) {
+                    memset(entry.profile_name, 'Z', sizeof(entry.profile_name));
+                } else if (settings.profile_name_valid) {
+                    memcpy(entry.profile_name, settings.profile_name, WDS_PROFILE_NAME_MAX_V01);
+                }
+            }
+            out->profile_list_len = corrupt ? 300 : count;
+            return XAL_NO_ERR;
+        }
+        case XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01: {
+            const auto r = readRecord<wds_get_profile_settings_req_msg_v01>(request);
+            auto it = mTable.find({r.profile.profile_type, r.profile.profile_index});
+            if (it == mTable.end()) return fail(kErrInvalidProfile);
+            auto* out = static_cast<Settings*>(response);
+            *out = it->second;
+            out->resp = {};
+            if (consume(mCorruptSettings)) unterminateStrings(*out);
+            return XAL_NO_ERR;
+        }
+        default:
+            return fail(kErrMalformedMessage);
+    }
+}
+
+void ModemCore::reset(const Config& config) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mConfig = config;
+    mConfig.capacity3gpp = std::clamp(mConfig.capacity3gpp, 0, kMaxCapacity3gpp);
+    mConfig.capacity3gpp2 = std::clamp(mConfig.capacity3gpp2, 0, kMaxCapacity3gpp2);
+    mTable.clear();
+    mRequests.clear();
+    mCounters = Counters();
+    mFailures.clear();
+    mTimeouts.clear();
+    mGetAnyServiceFailures = mClientInitFailures = 0;
+    mCorruptLists = mCorruptSettings = 0;
+    mInjectedResponses.clear();
+    mLastCommitError.clear();
+    mServiceUp = true;
+    touchLocked();
+}
+
+Config ModemCore::config() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mConfig;
+}
+
+void ModemCore::setIndicationDelay(std::chrono::milliseconds delay) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mConfig.indicationDelay = delay;
+}
+
+void ModemCore::setCommitHook(CommitHook hook) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mCommit = std::move(hook);
+}
+
+bool ModemCore::fitsLocked(const Table& table, std::string* error) const {
+    for (const auto& [slot, settings] : table) {
+        const auto [first, last] = indexRange(slot.first, mConfig);
+        if (knownType(slot.first) && slot.second >= first && slot.second <= last) continue;
+        if (error) {
+            *error = std::string("profile ") + typeName(slot.first) + " " +
+                     std::to_string(slot.second) + " does not fit the modem, which holds " +
+                     (last >= first ? "indexes " + std::to_string(first) + " to " +
+                                              std::to_string(last)
+                                    : std::string("no profiles")) +
+                     " for " + typeName(slot.first);
+        }
+        return false;
+    }
+    return true;
+}
+
+bool ModemCore::replaceTable(Table table, std::string* error) {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (!fitsLocked(table, error)) return false;
+    mTable = std::move(table);
+    touchLocked();
+    return true;
+}
+
+bool ModemCore::restoreTable(const Table& table, std::string* error) {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (!fitsLocked(table, error)) return false;
+    if (commitLocked([&] { mTable = table; })) return true;
+    if (error) *error = mLastCommitError;
+    return false;
+}
+
+Table ModemCore::table() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mTable;
+}
+
+int ModemCore::seedProfile(wds_profile_type_enum_v01 type, const Settings& settings) {
+    std::lock_guard<std::mutex> guard(mLock);
+    return createProfileLocked(type, settings);
+}
+
+std::optional<Settings> ModemCore::getProfile(wds_profile_type_enum_v01 type, uint8_t index) const {
+    std::lock_guard<std::mutex> guard(mLock);
+    auto it = mTable.find({type, index});
+    if (it == mTable.end()) return std::nullopt;
+    return it->second;
+}
+
+std::vector<Profile> ModemCore::profiles() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    std::vector<Profile> result;
+    for (const auto& [slot, settings] : mTable) {
+        result.push_back({static_cast<wds_profile_type_enum_v01>(slot.first), slot.second, settings});
+    }
+    return result;
+}
+
+void ModemCore::clearProfiles() {
+    std::lock_guard<std::mutex> guard(mLock);
+    commitLocked([this] { mTable.clear(); });
+}
+
+int ModemCore::externalCreate(wds_profile_type_enum_v01 type, const Settings& settings) {
+    std::lock_guard<std::mutex> guard(mLock);
+    const int index = createProfileLocked(type, settings);
+    if (index < 0) return -1;
+    broadcastProfileChangedLocked(type, static_cast<uint8_t>(index), WDS_PROFILE_EVENT_CREATE_V01);
+    broadcastProfileChangedLocked(type, static_cast<uint8_t>(index), WDS_PROFILE_EVENT_MODIFY_V01);
+    return index;
+}
+
+bool ModemCore::externalModify(wds_profile_type_enum_v01 type, uint8_t index,
+                               const Settings& changes) {
+    std::lock_guard<std::mutex> guard(mLock);
+    auto it = mTable.find({type, index});
+    if (it == mTable.end()) return false;
+    if (!commitLocked([&] { copyValidFields(it->second, changes); })) return false;
+    broadcastProfileChangedLocked(type, index, WDS_PROFILE_EVENT_MODIFY_V01);
+    return true;
+}
+
+bool ModemCore::externalDelete(wds_profile_type_enum_v01 type, uint8_t index) {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mTable.count({type, index}) == 0) return false;
+    if (!commitLocked([&] { mTable.erase({type, index}); })) return false;
+    broadcastProfileChangedLocked(type, index, WDS_PROFILE_EVENT_DELETE_V01);
+    return true;
+}
+
+void ModemCore::sendProfileChanged(int32_t profileType, uint8_t index, int32_t rawEvent) {
+    std::lock_guard<std::mutex> guard(mLock);
+    broadcastProfileChangedLocked(profileType, index, rawEvent);
+}
+
+void ModemCore::sendSubscriptionChange() {
+    sendProfileChanged(WDS_PROFILE_TYPE_ALL_V01, 0xFF, WDS_PROFILE_EVENT_SUBSCRIPTION_CHANGE_V01);
+}
+
+void ModemCore::sendProfileReady() {
+    sendProfileChanged(WDS_PROFILE_TYPE_ALL_V01, 0xFF, WDS_PROFILE_EVENT_PROFILE_READY_V01);
+}
+
+void ModemCore::sendUnknownIndication(unsigned int msgId) {
+    sendRawIndication(msgId, {'K', 'V', 0x01, 0x00});
+}
+
+void ModemCore::sendInvalidIndication() {
+    sendRawIndication(XAL_WDS_PROFILE_CHANGED_IND_V01, encodeProfileChanged(nullptr));
+}
+
+void ModemCore::sendUndecodableIndication() {
+    sendRawIndication(XAL_WDS_PROFILE_CHANGED_IND_V01, {'n', 'o', 'i', 's', 'e'});
+}
+
+void ModemCore::sendRawIndication(unsigned int msgId, std::vector<uint8_t> bytes) {
+    std::lock_guard<std::mutex> guard(mLock);
+    broadcastLocked(msgId, bytes);
+}
+
+void ModemCore::restart() {
+    std::lock_guard<std::mutex> guard(mLock);
+    ++mCounters.restarts;
+    serviceDownLocked();
+    serviceUpLocked();
+}
+
+void ModemCore::setServiceUp(bool up) {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (up) {
+        serviceUpLocked();
+    } else {
+        serviceDownLocked();
+    }
+}
+
+bool ModemCore::isServiceUp() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mServiceUp;
+}
+
+void ModemCore::failNext(unsigned int msgId, int count, int skip) {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (count <= 0) {
+        mFailures.erase(msgId);
+    } else {
+        mFailures[msgId] = {skip < 0 ? 0 : skip, count};
+    }
+}
+
+void ModemCore::timeoutNext(unsigned int msgId, int count) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mTimeouts[msgId] = count;
+}
+
+void ModemCore::failGetAnyService(int count) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mGetAnyServiceFailures = count;
+}
+
+void ModemCore::failClientInit(int count) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mClientInitFailures = count;
+}
+
+void ModemCore::corruptNextList(int count) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mCorruptLists = count;
+}
+
+void ModemCore::corruptNextSettings(int count) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mCorruptSettings = count;
+}
+
+void ModemCore::injectNextResponse(unsigned int msgId, std::vector<uint8_t> bytes) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mInjectedResponses[msgId] = std::move(bytes);
+}
+
+xal_client_error_type ModemCore::openClient(ClientId id, ClientRole role, bool returning) {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (role == ClientRole::kService) {
+        if (consume(mClientInitFailures)) return XAL_INTERNAL_ERR;
+        if (!mServiceUp) return XAL_SERVICE_ERR;
+    }
+    Client client;
+    client.role = role;
+    client.returning = returning;
+    mClients[id] = client;
+    touchLocked();
+    return XAL_NO_ERR;
+}
+
+void ModemCore::notifierRegistered(ClientId id) {
+    std::lock_guard<std::mutex> guard(mLock);
+    const Client* client = findLocked(id);
+    if (client == nullptr || client->released || client->role != ClientRole::kNotifier) return;
+    if (mServiceUp) {
+        postLocked(id, {Event::kNotify, XAL_CLIENT_SERVICE_COUNT_INC, 0, {}}, Clock::now());
+    }
+}
+
+void ModemCore::releaseClient(ClientId id, bool forget) {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (forget) {
+        mClients.erase(id);
+    } else if (Client* client = findLocked(id)) {
+        client->released = true;
+    }
+    touchLocked();
+}
+
+bool ModemCore::hasLostService(ClientId id) const {
+    std::lock_guard<std::mutex> guard(mLock);
+    const Client* client = findLocked(id);
+    return client != nullptr && client->serviceLost;
+}
+
+xal_client_error_type ModemCore::probeService() {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (consume(mGetAnyServiceFailures)) return XAL_SERVICE_ERR;
+    return mServiceUp ? XAL_NO_ERR : XAL_SERVICE_ERR;
+}
+
+bool ModemCore::takeServiceLoss() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return std::exchange(mServiceLoss, false);
+}
+
+void ModemCore::noteDelivered(Event::Kind kind) {
+    std::lock_guard<std::mutex> guard(mLock);
+    switch (kind) {
+        case Event::kNotify:
+            ++mCounters.notifyCallbacks;
+            break;
+        case Event::kError:
+            ++mCounters.errorCallbacks;
+            break;
+        case Event::kIndication:
+            ++mCounters.indicationsDelivered;
+            break;
+    }
+    touchLocked();
+}
+
+std::vector<RecordedRequest> ModemCore::requests() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mRequests;
+}
+
+void ModemCore::clearRecordedRequests() {
+    std::lock_guard<std::mutex> guard(mLock);
+    mRequests.clear();
+    mRequests.shrink_to_fit();
+}
+
+std::vector<RecordedRequest> ModemCore::requests(ClientId client) const {
+    std::lock_guard<std::mutex> guard(mLock);
+    std::vector<RecordedRequest> result;
+    for (const auto& request : mRequests) {
+        if (request.client == client) result.push_back(request);
+    }
+    return result;
+}
+
+size_t ModemCore::requestCount(unsigned int msgId) const {
+    std::lock_guard<std::mutex> guard(mLock);
+    size_t count = 0;
+    for (const auto& request : mRequests) count += request.msgId == msgId;
+    return count;
+}
+
+std::vector<ClientInfo> ModemCore::clients() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    std::vector<ClientInfo> result;
+    for (const auto& [id, c] : mClients) {
+        result.push_back({id, c.role == ClientRole::kNotifier, c.released, c.serviceLost,
+                          c.profileEvents, c.subscription});
+    }
+    return result;
+}
+
+Counters ModemCore::counters() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mCounters;
+}
+
+std::string ModemCore::lastCommitError() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mLastCommitError;
+}
+
+bool ModemCore::waitUntil(const std::function<bool()>& predicate,
+                          std::chrono::milliseconds timeout) const {
+    const auto deadline = Clock::now() + timeout;
+    std::unique_lock<std::mutex> guard(mLock);
+    for (;;) {
+        const uint64_t seen = mGeneration;
+        guard.unlock();
+        if (predicate()) return true;
+        guard.lock();
+        if (!mChanged.wait_until(guard, deadline, [&] { return mGeneration != seen; })) {
+            guard.unlock();
+            return predicate();
+        }
+    }
+}
+
+}  // namespace xalsim

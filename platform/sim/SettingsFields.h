@@ -1,0 +1,51 @@
+// The settings fields that a create or modify request can carry, by kind:
+// STR for character arrays, NUM for integers and enumerations. The
+// persistence flag is handled on its own (a modify request has none).
+#pragma once
+
+#include <cstring>
+
+#define XALSIM_SETTINGS_FIELDS(X)     \
+    X(STR, profile_name)              \
+    X(NUM, pdp_type)                  \
+    X(STR, apn_name)                  \
+    X(STR, username)                  \
+    X(STR, password)                  \
+    X(NUM, authentication_preference) \
+    X(NUM, apn_disabled_flag)         \
+    X(NUM, apn_class)                 \
+    X(NUM, support_emergency_calls)   \
+    X(NUM, override_home_pdp_type)    \
+    X(NUM, lte_roaming_pdp_type)      \
+    X(NUM, umts_roaming_pdp_type)     \
+    X(NUM, max_pdn_conn_per_block)    \
+    X(NUM, max_pdn_conn_timer)        \
+    X(NUM, pdn_req_wait_interval)     \
+    X(NUM, apn_type_mask)             \
+    X(NUM, clat_enabled)              \
+    X(STR, apn_string)                \
+    X(NUM, pdn_type)                  \
+    X(NUM, auth_protocol)             \
+    X(STR, user_id)                   \
+    X(STR, auth_password)             \
+    X(NUM, apn_class_3gpp2)           \
+    X(NUM, pdn_level_auth_protocol)   \
+    X(STR, pdn_level_user_id)         \
+    X(STR, pdn_level_auth_password)
+
+namespace xalsim {
+
+// Copies every field whose valid flag is set in from.
+template <typename To, typename From>
+void copyValidFields(To& to, const From& from) {
+#define XALSIM_COPY(kind, name)                                     \
+    if (from.name##_valid) {                                        \
+        to.name##_valid = 1;                                        \
+        static_assert(sizeof(to.name) == sizeof(from.name), #name); \
+        memcpy(&to.name, &from.name, sizeof(to.name));              \
+    }
+    XALSIM_SETTINGS_FIELDS(XALSIM_COPY)
+#undef XALSIM_COPY
+}
+
+}  // namespace xalsim

@@ -1,0 +1,58 @@
+// The simulated modem's table kept in a file between runs, as a modem keeps
+// its table in non-volatile memory. Used by the modem service and by
+// kivctl's embedded modem alike.
+//
+// The file is a JSON document (see SettingsJson.h for a profile):
+//
+//     {"format": "kivr-modem-state", "version": 2, "profiles": [...]}
+//
+// A truncated file is not a JSON document and is refused. Files of the
+// earlier text format ("[profile 3gpp 1]" sections) still load; the next
+// save writes JSON.
+//
+// Whoever opens the file holds an exclusive lock on it ("FILE.lock" beside
+// it) until the StateFile is destroyed, so that two processes never work on
+// one table. A save writes a new file beside the old one and renames it
+// over: never half-written, never through a symlink at the temporary name;
+// it keeps the file's mode (new files are 0600, as the table holds
+// passwords), and a symlinked state file has its target updated.
+#pragma once
+
+#include <android-base/result.h>
+#include <android-base/unique_fd.h>
+
+#include <chrono>
+#include <string>
+
+#include "ModemCore.h"
+
+namespace xalsim {
+
+class StateFile {
+  public:
+    // Locks the table at `path` for `owner` (a program name, recorded in
+    // the lock file for whoever else tries). Waits up to `wait` for another
+    // holder to let go, but not for a modem service, which never does.
+    static android::base::Result<StateFile> open(const std::string& path,
+                                                 const std::string& owner,
+                                                 std::chrono::milliseconds wait);
+
+    // The file written: the path given, or the end of its symlinks.
+    const std::string& path() const { return mPath; }
+    bool exists() const;
+    android::base::Result<Table> load() const;
+    android::base::Result<void> save(const Table& table) const;
+
+    // The file's text for a table, and back (either format).
+    static std::string serialize(const Table& table);
+    static android::base::Result<Table> parse(const std::string& text);
+
+  private:
+    StateFile(std::string path, android::base::unique_fd lock)
+        : mPath(std::move(path)), mLock(std::move(lock)) {}
+
+    std::string mPath;
+    android::base::unique_fd mLock;
+};
+
+}  // namespace xalsim

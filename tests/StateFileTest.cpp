@@ -1,0 +1,294 @@
+#include "StateFile.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "IndicationCodec.h"
+#include "ModemCore.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using xalsim::Settings;
+using xalsim::StateFile;
+using xalsim::Table;
+
+std::string read(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// A folder of its own for each test.
+class StateFileFixture : public testing::Test {
+  protected:
+    void SetUp() override {
+        dir = testing::TempDir() + "statefile-" +
+              testing::UnitTest::GetInstance()->current_test_info()->name();
+        fs::remove_all(dir);
+        fs::create_directories(dir);
+        path = dir + "/modem.state";
+    }
+    void TearDown() override {
+        fs::permissions(dir, fs::perms::owner_all);
+        fs::remove_all(dir);
+    }
+    StateFile open(const std::string& owner = "test") {
+        auto state = StateFile::open(path, owner, std::chrono::milliseconds(0));
+        EXPECT_TRUE(state.ok()) << state.error().message();
+        return std::move(*state);
+    }
+    // Every file of the folder but the lock.
+    std::vector<std::string> files() const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(dir)) {
+            const std::string name = entry.path().filename();
+            if (name.find(".lock") == std::string::npos) names.push_back(name);
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    std::string dir;
+    std::string path;
+};
+
+// A table with every kind of field: text that is not UTF-8, text filling its
+// array without a terminator, the largest numbers, enumerations out of range.
+Table everyKindOfField() {
+    Table table = xalsim::factoryTable();
+    Settings s = xalsim::make3gppSettings("ims", "ims\"quoted\"\\", WDS_PDP_TYPE_PDP_IPV6_V01,
+                                          0xFFFFFFFFFFFFFFFFull, false);
+    s.max_pdn_conn_timer_valid = 1;
+    s.max_pdn_conn_timer = 65535;
+    s.override_home_pdp_type_valid = 1;
+    s.override_home_pdp_type = static_cast<wds_common_pdp_type_enum_v01>(-7);
+    s.username_valid = 1;
+    strcpy(s.username, "\x01\xff\xfe");
+    s.password_valid = 1;
+    memset(s.password, 'p', sizeof(s.password));  // no terminator
+    s.apn_string_valid = 1;
+    strcpy(s.apn_string, "caf\xc3\xa9");  // UTF-8 as it is
+    table[{WDS_PROFILE_TYPE_3GPP_V01, 200}] = s;
+    return table;
+}
+
+bool sameTables(const Table& a, const Table& b) {
+    if (a.size() != b.size()) return false;
+    for (const auto& [slot, settings] : a) {
+        auto it = b.find(slot);
+        if (it == b.end() || memcmp(&it->second, &settings, sizeof(Settings)) != 0) return false;
+    }
+    return true;
+}
+
+TEST_F(StateFileFixture, StateFile_SaveThenLoad_GivesTheSameTableAndBytes) {
+    const Table table = everyKindOfField();
+    StateFile state = open();
+    EXPECT_FALSE(state.exists());
+    ASSERT_TRUE(state.save(table).ok());
+    auto loaded = state.load();
+    ASSERT_TRUE(loaded.ok()) << loaded.error().message();
+    EXPECT_TRUE(sameTables(*loaded, table));
+    EXPECT_EQ(StateFile::serialize(*loaded), read(path));
+    EXPECT_NE(read(path).find("\"username\": {\n        \"hex\": \"01fffe\""), std::string::npos)
+            << read(path);
+
+    // The earlier text format still loads.
+    std::ofstream(path) << "# table\n[profile 3gpp 1]\npersistent = 1\n"
+                           "apn_name = \"a\\\"b\\x01\"\napn_type_mask = 0x11\n\n"
+                           "[profile 3gpp2 101]\npdn_type = 2\n";
+    loaded = state.load();
+    ASSERT_TRUE(loaded.ok()) << loaded.error().message();
+    ASSERT_EQ(loaded->size(), 2u);
+    const Settings& first = loaded->at({WDS_PROFILE_TYPE_3GPP_V01, 1});
+    EXPECT_STREQ(first.apn_name, "a\"b\x01");
+    EXPECT_EQ(first.apn_type_mask, 0x11u);
+    EXPECT_EQ(loaded->at({WDS_PROFILE_TYPE_3GPP2_V01, 101}).pdn_type, 2);
+}
+
+TEST_F(StateFileFixture, StateFile_DamagedFiles_AreRefusedWithTheReason) {
+    // A file cut anywhere, at a line boundary too, is not loaded as a smaller table.
+    const std::string whole = StateFile::serialize(xalsim::factoryTable());
+    for (size_t cut = whole.find('\n'); cut + 2 < whole.size(); cut = whole.find('\n', cut + 1)) {
+        EXPECT_FALSE(StateFile::parse(whole.substr(0, cut + 1)).ok()) << cut;
+    }
+    const struct {
+        std::string text;
+        std::string reason;
+    } kBad[] = {
+            {whole.substr(0, whole.size() / 2), "cut short"},
+            {R"({"format":"kivr-modem-state","version":2,"profiles":[{"type":"3gpp","index":1,"mystery":1}]})",
+             "unknown field \"mystery\""},
+            {R"({"format":"kivr-modem-state","version":2,"profiles":[{"type":"3gpp","index":1,"max_pdn_conn_timer":70000}]})",
+             "bad value 70000"},
+            {R"({"format":"kivr-modem-state","version":2,"profiles":[{"type":"3gpp2","index":7}]})",
+             "from 101 to 255"},
+            {R"({"format":"kivr-modem-state","version":2,"profiles":[{"type":"3gpp","index":1},{"type":"3gpp","index":1}]})",
+             "listed twice"},
+            {R"({"format":"kivr-modem-state","version":3,"profiles":[]})", "unsupported version 3"},
+            {R"({"format":7,"version":2,"profiles":[]})", "not a modem state document"},
+            {R"({"format":"kivr-modem-state","version":2,"profiles":[{"type":"3gpp","index":1,"apn_name":{"hex":"zz"}}]})",
+             "bad value"},
+            {"[profile 3gpp 1]\napn_name = \"x\"\nmax_pdn_conn_timer = 70000\n", "line 3: bad field"},
+            {"apn_name = \"x\"\n", "line 1: expected"},
+    };
+    for (const auto& bad : kBad) {
+        auto result = StateFile::parse(bad.text);
+        ASSERT_FALSE(result.ok()) << bad.text;
+        EXPECT_NE(result.error().message().find(bad.reason), std::string::npos)
+                << result.error().message();
+    }
+
+    // A table that does not fit the modem is refused before it is served.
+    xalsim::ModemCore modem([](xalsim::ClientId, xalsim::Event, xalsim::Clock::time_point) {});
+    xalsim::Config config;
+    config.capacity3gpp = 2;
+    modem.reset(config);
+    std::string why;
+    EXPECT_FALSE(modem.replaceTable(xalsim::factoryTable(), &why));
+    EXPECT_EQ(why, "profile 3gpp 3 does not fit the modem, which holds indexes 1 to 2 for 3gpp");
+    EXPECT_TRUE(modem.profiles().empty());
+}
+
+TEST_F(StateFileFixture, StateFile_Save_PrivateAtomicKeepsModeAndFollowsTheLink) {
+    StateFile state = open();
+    ASSERT_TRUE(state.save(xalsim::factoryTable()).ok());
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    chmod(path.c_str(), 0640);
+    // The old fixed temporary name, planted as a link, is never written through.
+    const std::string victim = dir + "/victim";
+    std::ofstream(victim) << "untouched";
+    fs::create_symlink(victim, path + ".tmp");
+    ASSERT_TRUE(state.save(everyKindOfField()).ok());
+    EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+    EXPECT_EQ(read(victim), "untouched");
+    EXPECT_EQ(files(), (std::vector<std::string>{"modem.state", "modem.state.tmp", "victim"}));
+
+    // A symlinked state file keeps its link; the target is updated.
+    const std::string link = dir + "/link.state";
+    fs::create_symlink("modem.state", link);
+    auto linked = StateFile::open(link, "test", std::chrono::milliseconds(0));
+    ASSERT_FALSE(linked.ok());  // the table is locked by `state`
+    EXPECT_NE(linked.error().message().find("is in use by test (pid"), std::string::npos)
+            << linked.error().message();
+}
+
+TEST_F(StateFileFixture, StateFile_FailedSave_ReportsWhyAndKeepsTheOldFile) {
+    {
+        StateFile state = open();
+        ASSERT_TRUE(state.save(xalsim::factoryTable()).ok());
+    }
+    const std::string before = read(path);
+    {
+        // Through a link, once the first holder let go.
+        const std::string link = dir + "/link.state";
+        fs::create_symlink("modem.state", link);
+        auto linked = StateFile::open(link, "test", std::chrono::milliseconds(0));
+        ASSERT_TRUE(linked.ok()) << linked.error().message();
+        EXPECT_EQ(linked->path(), path);
+        ASSERT_TRUE(linked->save(everyKindOfField()).ok());
+        EXPECT_TRUE(fs::is_symlink(link));
+        EXPECT_NE(read(path), before);
+        ASSERT_TRUE(linked->save(xalsim::factoryTable()).ok());
+    }
+
+    // A full disk: the file size limit stands in for it.
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit old{};
+    getrlimit(RLIMIT_FSIZE, &old);
+    rlimit small = old;
+    small.rlim_cur = 100;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    {
+        StateFile state = open();
+        auto saved = state.save(everyKindOfField());
+        ASSERT_FALSE(saved.ok());
+        EXPECT_EQ(saved.error().message(), "cannot write " + path + ": File too large");
+    }
+    setrlimit(RLIMIT_FSIZE, &old);
+    EXPECT_EQ(read(path), before);
+    EXPECT_EQ(files(), (std::vector<std::string>{"link.state", "modem.state"}));
+
+    // A state path that is a folder, and one whose folder is gone.
+    fs::create_directories(dir + "/folder.state");
+    auto folder = StateFile::open(dir + "/folder.state", "test", std::chrono::milliseconds(0));
+    ASSERT_FALSE(folder.ok());
+    EXPECT_EQ(folder.error().message(), dir + "/folder.state is not a regular file");
+    auto nowhere = StateFile::open(dir + "/gone/modem.state", "test", std::chrono::milliseconds(0));
+    ASSERT_FALSE(nowhere.ok());
+    EXPECT_NE(nowhere.error().message().find("No such file or directory"), std::string::npos);
+}
+
+TEST_F(StateFileFixture, StateFile_Lock_ServiceRefusedAtOnceToolAfterItsWait) {
+    std::optional<StateFile> daemon = open("kivmodemd");
+    // However long it would wait, a service never lets go.
+    const auto started = std::chrono::steady_clock::now();
+    auto tool = StateFile::open(path, "kivctl", std::chrono::seconds(30));
+    ASSERT_FALSE(tool.ok());
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+    EXPECT_NE(tool.error().message().find("is in use by kivmodemd (pid " +
+                                          std::to_string(getpid()) + ")"),
+              std::string::npos);
+    daemon.reset();
+    tool = StateFile::open(path, "kivctl", std::chrono::seconds(30));
+    EXPECT_TRUE(tool.ok()) << tool.error().message();
+}
+
+TEST(ModemCore_Commit, UnstoredChangeIsUndoneAndAnnouncedToNobody) {
+    std::vector<xalsim::Event> events;
+    xalsim::ModemCore modem(
+            [&](xalsim::ClientId, xalsim::Event event, xalsim::Clock::time_point) {
+                events.push_back(event);
+            });
+    modem.reset();
+    auto* client = reinterpret_cast<xalsim::ClientId>(uintptr_t{16});
+    ASSERT_EQ(modem.openClient(client, xalsim::ClientRole::kService, false), XAL_NO_ERR);
+    wds_indication_register_req_msg_v01 reg{};
+    reg.report_profile_changed_events_valid = reg.report_profile_changed_events = 1;
+    wds_generic_resp_msg_v01 registered{};
+    ASSERT_EQ(modem.serve(client, 0x03, &reg, sizeof(reg), &registered, sizeof(registered), 1000),
+              XAL_NO_ERR);
+
+    bool full = false;
+    modem.setCommitHook([&](const Table&, std::string* error) {
+        if (full) *error = "cannot write x: No space left on device";
+        return !full;
+    });
+    wds_create_profile_req_msg_v01 create{};
+    create.profile_type = WDS_PROFILE_TYPE_3GPP_V01;
+    create.persistent_valid = 1;  // not persistent
+    wds_create_profile_resp_msg_v01 created{};
+    ASSERT_EQ(modem.serve(client, 0x27, &create, sizeof(create), &created, sizeof(created), 1000),
+              XAL_NO_ERR);
+    EXPECT_EQ(created.resp.result, 0u);
+    EXPECT_EQ(events.size(), 2u);  // Create and Modify
+
+    full = true;
+    ASSERT_EQ(modem.serve(client, 0x27, &create, sizeof(create), &created, sizeof(created), 1000),
+              XAL_NO_ERR);
+    EXPECT_EQ(created.resp.result, 1u);
+    EXPECT_EQ(created.resp.error, xalsim::kErrStorage);
+    wds_delete_profile_req_msg_v01 remove{};
+    remove.profile = {WDS_PROFILE_TYPE_3GPP_V01, 1};
+    wds_delete_profile_resp_msg_v01 removed{};
+    ASSERT_EQ(modem.serve(client, 0x29, &remove, sizeof(remove), &removed, sizeof(removed), 1000),
+              XAL_NO_ERR);
+    EXPECT_EQ(removed.resp.error, xalsim::kErrStorage);
+    EXPECT_EQ(modem.profiles().size(), 1u);
+    EXPECT_EQ(events.size(), 2u);
+    EXPECT_EQ(modem.counters().failedCommits, 2u);
+    EXPECT_EQ(modem.lastCommitError(), "cannot write x: No space left on device");
+    // A restart happens even when its smaller table cannot be stored.
+    modem.restart();
+    EXPECT_TRUE(modem.profiles().empty());
+}
+
+}  // namespace
