@@ -1,5 +1,3 @@
-#include "StateFile.h"
-
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -12,6 +10,7 @@
 
 #include "IndicationCodec.h"
 #include "ModemCore.h"
+#include "StateFile.h"
 
 namespace {
 
@@ -136,7 +135,8 @@ TEST_F(StateFileFixture, StateFile_DamagedFiles_AreRefusedWithTheReason) {
             {R"({"format":7,"version":2,"profiles":[]})", "not a modem state document"},
             {R"({"format":"kivr-modem-state","version":2,"profiles":[{"type":"3gpp","index":1,"apn_name":{"hex":"zz"}}]})",
              "bad value"},
-            {"[profile 3gpp 1]\napn_name = \"x\"\nmax_pdn_conn_timer = 70000\n", "line 3: bad field"},
+            {"[profile 3gpp 1]\napn_name = \"x\"\nmax_pdn_conn_timer = 70000\n",
+             "line 3: bad field"},
             {"apn_name = \"x\"\n", "line 1: expected"},
     };
     for (const auto& bad : kBad) {
@@ -244,10 +244,9 @@ TEST_F(StateFileFixture, StateFile_Lock_ServiceRefusedAtOnceToolAfterItsWait) {
 
 TEST(ModemCore_Commit, UnstoredChangeIsUndoneAndAnnouncedToNobody) {
     std::vector<xalsim::Event> events;
-    xalsim::ModemCore modem(
-            [&](xalsim::ClientId, xalsim::Event event, xalsim::Clock::time_point) {
-                events.push_back(event);
-            });
+    xalsim::ModemCore modem([&](xalsim::ClientId, xalsim::Event event, xalsim::Clock::time_point) {
+        events.push_back(event);
+    });
     modem.reset();
     auto* client = reinterpret_cast<xalsim::ClientId>(uintptr_t{16});
     ASSERT_EQ(modem.openClient(client, xalsim::ClientRole::kService, false), XAL_NO_ERR);

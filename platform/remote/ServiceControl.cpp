@@ -29,11 +29,13 @@ std::optional<Message> receiveMessage(int fd, Clock::time_point deadline, std::s
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd in{fd, POLLIN, 0};
         if (left.count() <= 0 ||
-            TEMP_FAILURE_RETRY(poll(&in, 1, static_cast<int>(std::min<int64_t>(left.count(), 60000)))) == 0) {
+            TEMP_FAILURE_RETRY(
+                    poll(&in, 1, static_cast<int>(std::min<int64_t>(left.count(), 60000)))) == 0) {
             *error = "the modem service did not answer in time";
             return std::nullopt;
         }
-        const ssize_t got = TEMP_FAILURE_RETRY(recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT));
+        const ssize_t got =
+                TEMP_FAILURE_RETRY(recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT));
         if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
         if (got <= 0) {
             *error = "the modem service went away";
@@ -68,7 +70,7 @@ Result<ServiceControl> ServiceControl::connect() {
 }
 
 Result<nlohmann::json> ServiceControl::call(const nlohmann::json& command,
-                                           std::chrono::milliseconds timeout) {
+                                            std::chrono::milliseconds timeout) {
     const uint32_t seq = ++mSeq;
     if (!sendMessage(mFd.get(), makeText(MessageType::kControl, seq, command.dump()))) {
         return Error() << "the modem service went away";

@@ -6,7 +6,6 @@
 
 #include "XalRemote.h"
 
-#include <android-base/thread_annotations.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -15,7 +14,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <utility>
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
@@ -25,9 +23,11 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "IndicationCodec.h"
+#include "Mutex.h"
 #include "ServiceWire.h"
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
@@ -68,13 +68,13 @@ struct xal_client_struct {
 
     const bool notifier;
     // Everything below is guarded by Transport::mLock.
-    unique_fd fd;           // the connection; may be closed only by release
+    unique_fd fd;  // the connection; may be closed only by release
     bool released = false;
-    bool connected = false;    // the connection is up and read by the event thread
-    bool lost = false;         // service client: the service went away or down
-    bool lostReported = false; // its error callback was queued
-    bool serviceUp = false;    // notifier: as last told
-    bool registered = false;   // service client: its event-list request was answered
+    bool connected = false;     // the connection is up and read by the event thread
+    bool lost = false;          // service client: the service went away or down
+    bool lostReported = false;  // its error callback was queued
+    bool serviceUp = false;     // notifier: as last told
+    bool registered = false;    // service client: its event-list request was answered
     uint32_t nextSeq = 0;
     std::map<uint32_t, Awaited*> awaited;
     Clock::time_point retryAt{};  // notifier without a connection: the next attempt
@@ -84,7 +84,7 @@ struct xal_client_struct {
     void* errorData = nullptr;
     xal_client_ind_cb indCb = nullptr;
     void* indData = nullptr;
-    std::mutex sendLock;  // one writer on the connection at a time
+    kiv::Mutex sendLock;  // one writer on the connection at a time
 };
 
 struct xal_idl_service_object {
@@ -133,9 +133,9 @@ xal_client_error_type handshake(unique_fd& fd, Role role, uint32_t flags) {
     fd = xalremote::connectToService();
     if (fd.get() < 0) return XAL_SERVICE_ERR;
     const auto deadline = Clock::now() + kHandshakeTimeout;
-    const Message hello = xalremote::makeMessage(MessageType::kHello, 0,
-                                                 {static_cast<uint32_t>(role), flags,
-                                                  static_cast<uint32_t>(getpid())});
+    const Message hello = xalremote::makeMessage(
+            MessageType::kHello, 0,
+            {static_cast<uint32_t>(role), flags, static_cast<uint32_t>(getpid())});
     if (sendPacket(fd.get(), hello, deadline) != XAL_NO_ERR) {
         fd.reset();
         return XAL_SERVICE_ERR;
@@ -160,15 +160,15 @@ class Transport {
     }
 
     void setPath(const std::string& path) {
-        std::lock_guard<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         mPath = path;
     }
     std::string path() {
-        std::lock_guard<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         return mPath;
     }
     void setConnector(xalremote::Connector connect) {
-        std::lock_guard<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         mConnector = std::move(connect);
     }
 
@@ -176,7 +176,7 @@ class Transport {
         xalremote::Connector connector;
         std::string path;
         {
-            std::lock_guard<std::mutex> guard(mLock);
+            kiv::MutexLock guard(mLock);
             connector = mConnector;
             path = mPath;
         }
@@ -207,12 +207,14 @@ class Transport {
         xal_client_type client = handle.get();
         unique_fd fd;
         const bool up = handshake(fd, Role::kNotifier, 0) == XAL_NO_ERR;
-        std::lock_guard<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         mHandles.emplace(client, std::move(handle));
         if (up) {
             attachLocked(client, std::move(fd));
         } else {
+            // The event thread tries again; it has to learn of the new notifier.
             client->retryAt = Clock::now() + kReconnectInterval;
+            wakeLocked();
         }
         startLocked();
         return client;
@@ -221,13 +223,13 @@ class Transport {
     xal_client_error_type newClient(xal_client_ind_cb indCb, void* indData, xal_client_type* out) {
         bool returning;
         {
-            std::lock_guard<std::mutex> guard(mLock);
+            kiv::MutexLock guard(mLock);
             returning = std::exchange(mServiceLost, false);
         }
         unique_fd fd;
         const xal_client_error_type result =
                 handshake(fd, Role::kService, returning ? xalremote::kReturning : 0);
-        std::lock_guard<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         if (result != XAL_NO_ERR) {
             mServiceLost = mServiceLost || returning;
             return result;
@@ -244,13 +246,13 @@ class Transport {
     }
 
     bool isLive(xal_client_type client) {
-        std::lock_guard<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         return isLiveLocked(client);
     }
 
     xal_client_error_type registerNotify(xal_client_type client, xal_client_notify_cb cb,
                                          void* data) {
-        std::lock_guard<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         if (!isLiveLocked(client) || !client->notifier) return XAL_CLIENT_INVALID_CLNT;
         client->notifyCb = cb;
         client->notifyData = data;
@@ -264,7 +266,7 @@ class Transport {
 
     xal_client_error_type registerError(xal_client_type client, xal_client_error_cb cb,
                                         void* data) {
-        std::lock_guard<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         if (!isLiveLocked(client) || client->notifier) return XAL_CLIENT_INVALID_CLNT;
         client->errorCb = cb;
         client->errorData = data;
@@ -283,7 +285,7 @@ class Transport {
         const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
         Awaited answer;
         uint32_t seq;
-        std::unique_lock<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         if (!isLiveLocked(client) || client->notifier) return XAL_CLIENT_INVALID_CLNT;
         if (client->lost || !client->connected) return XAL_SERVICE_ERR;
         seq = ++client->nextSeq;
@@ -292,13 +294,14 @@ class Transport {
         guard.unlock();
         xal_client_error_type sent;
         {
-            std::lock_guard<std::mutex> writer(client->sendLock);
+            kiv::MutexLock writer(client->sendLock);
             const auto* bytes = static_cast<const uint8_t*>(request);
-            sent = sendPacket(client->fd.get(),
-                              xalremote::makeMessage(MessageType::kRequest, seq,
-                                                     {msgId, timeoutMs, responseLength},
-                                                     std::vector<uint8_t>(bytes, bytes + requestLength)),
-                              deadline);
+            sent = sendPacket(
+                    client->fd.get(),
+                    xalremote::makeMessage(MessageType::kRequest, seq,
+                                           {msgId, timeoutMs, responseLength},
+                                           std::vector<uint8_t>(bytes, bytes + requestLength)),
+                    deadline);
         }
         if (sent == XAL_NO_ERR && onEventThread) {
             // A callback asking: nobody else reads this connection meanwhile.
@@ -306,7 +309,7 @@ class Transport {
         }
         guard.lock();
         if (sent == XAL_NO_ERR && !onEventThread) {
-            mChanged.wait_until(guard, deadline, [&] { return answer.done; });
+            guard.waitUntil(mChanged, deadline, [&] { return answer.done; });
         }
         client->awaited.erase(seq);
         if (sent != XAL_NO_ERR) return sent;
@@ -314,7 +317,8 @@ class Transport {
         if (answer.result == XAL_NO_ERR) {
             ++mAnswered[msgId];
             memset(response, 0, responseLength);
-            memcpy(response, answer.body.data(), std::min<size_t>(answer.body.size(), responseLength));
+            memcpy(response, answer.body.data(),
+                   std::min<size_t>(answer.body.size(), responseLength));
             if (msgId == XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) {
                 client->registered = true;
                 mChanged.notify_all();
@@ -324,7 +328,7 @@ class Transport {
     }
 
     xal_client_error_type release(xal_client_type client) {
-        std::unique_lock<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         if (!isLiveLocked(client)) return XAL_CLIENT_INVALID_CLNT;
         client->released = true;
         detachLocked(client);
@@ -339,7 +343,7 @@ class Transport {
         // A callback of this client running now finishes first, unless the
         // caller is that callback.
         if (std::this_thread::get_id() != mThreadId) {
-            mChanged.wait(guard, [&] { return mBusy != client; });
+            guard.wait(mChanged, [&]() REQUIRES(mLock) { return mBusy != client; });
         }
         // Kept, never freed: a stale handle must never name a new client.
         auto it = mHandles.find(client);
@@ -347,31 +351,32 @@ class Transport {
         mHandles.erase(it);
         guard.unlock();
         {
-            std::lock_guard<std::mutex> writer(client->sendLock);
+            kiv::MutexLock writer(client->sendLock);
             client->fd.reset();
         }
         return XAL_NO_ERR;
     }
 
     size_t registeredClients() {
-        std::lock_guard<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         return registeredLocked();
     }
 
     size_t answered(unsigned int msgId) {
-        std::lock_guard<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         auto it = mAnswered.find(msgId);
         return it == mAnswered.end() ? 0 : it->second;
     }
 
     bool waitForRegistered(size_t count, std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> guard(mLock);
-        return mChanged.wait_for(guard, timeout, [&] { return registeredLocked() >= count; });
+        kiv::MutexLock guard(mLock);
+        return guard.waitUntil(mChanged, Clock::now() + timeout,
+                               [&]() REQUIRES(mLock) { return registeredLocked() >= count; });
     }
 
     bool sync(std::chrono::milliseconds timeout) {
         const auto deadline = Clock::now() + timeout;
-        std::unique_lock<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         if (std::this_thread::get_id() == mThreadId) return false;
         struct Ping {
             xal_client_type client;
@@ -387,17 +392,18 @@ class Transport {
         }
         guard.unlock();
         for (auto& ping : pings) {
-            std::lock_guard<std::mutex> writer(ping.client->sendLock);
-            if (ping.client->fd.get() < 0 ||
-                sendPacket(ping.client->fd.get(), xalremote::makeMessage(MessageType::kPing, ping.seq),
-                           deadline) != XAL_NO_ERR) {
-                ping.answer->done = true;  // gone: nothing more comes from it
+            // A ping that cannot be sent meets a connection that has ended:
+            // its end, read by the event thread, answers it.
+            kiv::MutexLock writer(ping.client->sendLock);
+            if (ping.client->fd.get() >= 0) {
+                sendPacket(ping.client->fd.get(),
+                           xalremote::makeMessage(MessageType::kPing, ping.seq), deadline);
             }
         }
         guard.lock();
         // A pong is read after every event sent before it was delivered; so
         // is a connection's end. Deferred callbacks run before the next read.
-        const bool done = mChanged.wait_until(guard, deadline, [&] {
+        const bool done = guard.waitUntil(mChanged, deadline, [&]() REQUIRES(mLock) {
             for (const auto& ping : pings) {
                 if (!ping.answer->done) return false;
             }
@@ -523,7 +529,8 @@ class Transport {
                 } else if (kind != EventKind::kIndication || client->notifier) {
                     return;
                 }
-                mDeferred.push_back({client, {kind, code, message.words[2], std::move(message.body)}});
+                mDeferred.push_back(
+                        {client, {kind, code, message.words[2], std::move(message.body)}});
                 return;
             }
             default:
@@ -536,7 +543,7 @@ class Transport {
         for (;;) {
             bool closed = false;
             auto message = receivePacket(client->fd.get(), deadline, &closed);
-            std::lock_guard<std::mutex> guard(mLock);
+            kiv::MutexLock guard(mLock);
             if (closed) {
                 lostLocked(client);
                 return;
@@ -571,27 +578,26 @@ class Transport {
     }
 
     // Runs the callbacks owed, in order, none while the lock is held.
-    void runDeferred(std::unique_lock<std::mutex>& guard) REQUIRES(mLock) {
+    void runDeferred() REQUIRES(mLock) {
         while (!mDeferred.empty()) {
             Deferred next = std::move(mDeferred.front());
             mDeferred.pop_front();
             if (next.client->released) continue;
             mBusy = next.client;
-            guard.unlock();
+            mLock.unlock();
             deliver(next.client, next.event);
-            guard.lock();
+            mLock.lock();
             mBusy = nullptr;
             mChanged.notify_all();
         }
     }
 
-    void reconnectLocked(std::unique_lock<std::mutex>& guard, xal_client_type client)
-            REQUIRES(mLock) {
+    void reconnectLocked(xal_client_type client) REQUIRES(mLock) {
         mBusy = client;
-        guard.unlock();
+        mLock.unlock();
         unique_fd fd;
         const bool up = handshake(fd, Role::kNotifier, 0) == XAL_NO_ERR;
-        guard.lock();
+        mLock.lock();
         mBusy = nullptr;
         mChanged.notify_all();
         if (client->released) return;
@@ -608,9 +614,9 @@ class Transport {
 
     void run() {
         std::vector<uint8_t> buffer(xalremote::kMaxMessage + 1);
-        std::unique_lock<std::mutex> guard(mLock);
+        kiv::MutexLock guard(mLock);
         for (;;) {
-            runDeferred(guard);
+            runDeferred();
             // Notifiers whose service is away try again when their time comes.
             int timeout = -1;
             const auto now = Clock::now();
@@ -621,8 +627,8 @@ class Transport {
             for (xal_client_type client : away) {
                 if (client->released || client->connected) continue;
                 if (client->retryAt <= now) {
-                    reconnectLocked(guard, client);
-                    runDeferred(guard);
+                    reconnectLocked(client);
+                    runDeferred();
                 }
                 if (!client->released && !client->connected) {
                     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(client->retryAt -
@@ -658,7 +664,8 @@ class Transport {
                         closed = true;
                         break;
                     }
-                    auto message = xalremote::decode(buffer.data(), static_cast<size_t>(got), nullptr);
+                    auto message =
+                            xalremote::decode(buffer.data(), static_cast<size_t>(got), nullptr);
                     if (!message) {
                         closed = true;  // a service that speaks nonsense is no service
                         break;
@@ -671,12 +678,12 @@ class Transport {
                 if (client->released) continue;
                 for (auto& message : messages) takeLocked(client, std::move(message));
                 if (closed && client->connected) lostLocked(client);
-                runDeferred(guard);
+                runDeferred();
             }
         }
     }
 
-    std::mutex mLock;
+    kiv::Mutex mLock;
     std::condition_variable mChanged;  // answers, registrations, deliveries
     std::string mPath GUARDED_BY(mLock);
     xalremote::Connector mConnector GUARDED_BY(mLock);

@@ -75,8 +75,7 @@ void unterminateStrings(Settings& s) {
 bool sameTable(const Table& a, const Table& b) {
     return a.size() == b.size() &&
            std::equal(a.begin(), a.end(), b.begin(), [](const auto& x, const auto& y) {
-               return x.first == y.first &&
-                      memcmp(&x.second, &y.second, sizeof(Settings)) == 0;
+               return x.first == y.first && memcmp(&x.second, &y.second, sizeof(Settings)) == 0;
            });
 }
 
@@ -310,7 +309,8 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
     memset(response, 0, responseLength);
     if (auto injected = mInjectedResponses.find(msgId); injected != mInjectedResponses.end()) {
         const auto& reply = injected->second;
-        if (!reply.empty()) memcpy(response, reply.data(), std::min<size_t>(reply.size(), responseLength));
+        if (!reply.empty())
+            memcpy(response, reply.data(), std::min<size_t>(reply.size(), responseLength));
         mInjectedResponses.erase(injected);
         return XAL_NO_ERR;
     }
@@ -460,9 +460,9 @@ bool ModemCore::fitsLocked(const Table& table, std::string* error) const {
         if (error) {
             *error = std::string("profile ") + typeName(slot.first) + " " +
                      std::to_string(slot.second) + " does not fit the modem, which holds " +
-                     (last >= first ? "indexes " + std::to_string(first) + " to " +
-                                              std::to_string(last)
-                                    : std::string("no profiles")) +
+                     (last >= first
+                              ? "indexes " + std::to_string(first) + " to " + std::to_string(last)
+                              : std::string("no profiles")) +
                      " for " + typeName(slot.first);
         }
         return false;
@@ -507,7 +507,8 @@ std::vector<Profile> ModemCore::profiles() const {
     std::lock_guard<std::mutex> guard(mLock);
     std::vector<Profile> result;
     for (const auto& [slot, settings] : mTable) {
-        result.push_back({static_cast<wds_profile_type_enum_v01>(slot.first), slot.second, settings});
+        result.push_back(
+                {static_cast<wds_profile_type_enum_v01>(slot.first), slot.second, settings});
     }
     return result;
 }

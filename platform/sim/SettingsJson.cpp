@@ -42,9 +42,10 @@ bool textFromJson(const json& value, char (&field)[N]) {
         if (hex.size() % 2 != 0) return false;
         for (size_t i = 0; i < hex.size(); i += 2) {
             const auto nibble = [](char c) {
-                return c >= '0' && c <= '9' ? c - '0'
+                return c >= '0' && c <= '9'   ? c - '0'
                        : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                       : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+                       : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                              : -1;
             };
             const int high = nibble(hex[i]), low = nibble(hex[i + 1]);
             if (high < 0 || low < 0) return false;
@@ -182,9 +183,9 @@ bool profileFromJson(const json& object, Slot* slot, Settings* settings, std::st
             s.persistent_valid = 1;
             good = numberFromJson(value, s.persistent);
         }
-#define XALSIM_FROM_JSON(kind, field)                \
-    else if (name == #field) {                       \
-        s.field##_valid = 1;                         \
+#define XALSIM_FROM_JSON(kind, field)                 \
+    else if (name == #field) {                        \
+        s.field##_valid = 1;                          \
         good = XALSIM_FROM_JSON_##kind(value, field); \
     }
 #define XALSIM_FROM_JSON_STR(value, field) textFromJson(value, s.field)

@@ -47,7 +47,8 @@ void SimModem::Impl::runDispatcher() {
                 }
                 break;
             case Event::kError:
-                if (callbacks.errorCb) callbacks.errorCb(task.client, event.code, callbacks.errorData);
+                if (callbacks.errorCb)
+                    callbacks.errorCb(task.client, event.code, callbacks.errorData);
                 break;
             case Event::kIndication: {
                 std::vector<uint8_t> payload = event.payload;

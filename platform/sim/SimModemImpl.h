@@ -49,9 +49,9 @@ struct SimModem::Impl {
     std::condition_variable changed;  // tasks or dispatching changed
     // Handles are never freed, so a released handle is never reused.
     std::map<xal_client_type, std::unique_ptr<xal_client_struct>> handles;  // guarded by lock
-    std::deque<Task> tasks;                                                // guarded by lock
-    bool dispatching = false;                                              // guarded by lock
-    xal_client_type dispatchingClient = nullptr;                           // guarded by lock
+    std::deque<Task> tasks;                                                 // guarded by lock
+    bool dispatching = false;                                               // guarded by lock
+    xal_client_type dispatchingClient = nullptr;                            // guarded by lock
     std::thread dispatcher;
 };
 

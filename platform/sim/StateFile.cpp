@@ -22,8 +22,8 @@
 
 namespace xalsim {
 
-using android::base::Error;
 using android::base::ErrnoError;
+using android::base::Error;
 using android::base::Result;
 using android::base::unique_fd;
 
@@ -154,8 +154,8 @@ Result<Table> parseLegacy(const std::string& text) {
                 return Error() << "line " << number << ": bad profile type or index in '" << line
                                << "'";
             }
-            auto [it, inserted] = table.emplace(Slot{profileType, static_cast<uint8_t>(index)},
-                                                emptySettings());
+            auto [it, inserted] =
+                    table.emplace(Slot{profileType, static_cast<uint8_t>(index)}, emptySettings());
             if (!inserted) return Error() << "line " << number << ": profile listed twice";
             current = &it->second;
             continue;
@@ -178,9 +178,9 @@ Result<Table> parseJson(const std::string& text) {
     nlohmann::json document;
     try {
         document = nlohmann::json::parse(text);
-    } catch (const nlohmann::json::parse_error& e) {
+    } catch (const nlohmann::json::exception& e) {
         // "[json.exception.parse_error.101] parse error at line 3, ..."
-        std::string what = e.what();
+        const std::string what = e.what();
         const size_t bracket = what.find("] ");
         return Error() << (bracket == std::string::npos ? what : what.substr(bracket + 2))
                        << (e.id == 101 ? " (is the file cut short?)" : "");
@@ -195,7 +195,8 @@ Result<Table> parseJson(const std::string& text) {
         return Error() << "not a modem state document (\"format\" is not \"" << kFormat << "\")";
     }
     if (!document.contains("version") || document["version"] != kVersion) {
-        return Error() << "unsupported version " << document.value("version", nlohmann::json()).dump()
+        return Error() << "unsupported version "
+                       << document.value("version", nlohmann::json()).dump()
                        << " (this program reads " << kVersion << ")";
     }
     if (!document.contains("profiles") || !document["profiles"].is_array()) {
@@ -273,7 +274,7 @@ Result<StateFile> StateFile::open(const std::string& path, const std::string& ow
         const bool daemon = android::base::StartsWith(holder, "kivmodemd");
         if (daemon || std::chrono::steady_clock::now() >= deadline) {
             return Error() << *resolved << " is in use by "
-                                      << (holder.empty() ? "another process" : holder);
+                           << (holder.empty() ? "another process" : holder);
         }
         // Another command holds it for a moment: wait for it, not busily.
         std::this_thread::sleep_for(pause);
@@ -324,8 +325,8 @@ Result<void> StateFile::save(const Table& table) const {
     const bool existed = stat(mPath.c_str(), &old) == 0;
     if (existed) mode = old.st_mode & 07777;
 
-    std::string temporary = android::base::Dirname(mPath) + "/." +
-                            android::base::Basename(mPath) + ".XXXXXX";
+    std::string temporary =
+            android::base::Dirname(mPath) + "/." + android::base::Basename(mPath) + ".XXXXXX";
     // mkostemp creates the name exclusively: a symlink planted there fails it.
     unique_fd fd(mkostemp(temporary.data(), O_CLOEXEC));
     if (fd.get() < 0) return ErrnoError() << "cannot write " << mPath;
@@ -346,7 +347,8 @@ Result<void> StateFile::save(const Table& table) const {
     if (close(fd.release()) != 0) return fail("cannot write");
     if (rename(temporary.c_str(), mPath.c_str()) != 0) return fail("cannot replace");
     // The rename itself reaches the disk with the directory.
-    unique_fd dir(::open(android::base::Dirname(mPath).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    unique_fd dir(
+            ::open(android::base::Dirname(mPath).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dir.get() >= 0) fsync(dir.get());
     return {};
 }

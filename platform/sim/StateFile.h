@@ -33,8 +33,7 @@ class StateFile {
     // Locks the table at `path` for `owner` (a program name, recorded in
     // the lock file for whoever else tries). Waits up to `wait` for another
     // holder to let go, but not for a modem service, which never does.
-    static android::base::Result<StateFile> open(const std::string& path,
-                                                 const std::string& owner,
+    static android::base::Result<StateFile> open(const std::string& path, const std::string& owner,
                                                  std::chrono::milliseconds wait);
 
     // The file written: the path given, or the end of its symlinks.

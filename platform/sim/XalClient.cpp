@@ -139,7 +139,8 @@ xal_client_error_type xal_client_register_error_cb(xal_client_type user_handle,
     }
     // A service already lost is reported at once, as it would have been.
     if (err_cb != nullptr && Api::modem().hasLostService(user_handle)) {
-        Api::impl().queue({user_handle, {xalsim::Event::kError, XAL_SERVICE_ERR, 0, {}},
+        Api::impl().queue({user_handle,
+                           {xalsim::Event::kError, XAL_SERVICE_ERR, 0, {}},
                            xalsim::Clock::now()});
     }
     return XAL_NO_ERR;

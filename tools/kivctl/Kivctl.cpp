@@ -470,7 +470,8 @@ class EmbeddedModem {
         xalsim::Table table = xalsim::factoryTable();
         if (!firstUse) {
             auto loaded = mState->load();
-            if (!loaded.ok()) throw UsageError("malformed modem state: " + loaded.error().message());
+            if (!loaded.ok())
+                throw UsageError("malformed modem state: " + loaded.error().message());
             table = std::move(*loaded);
         }
         std::string why;
@@ -478,7 +479,8 @@ class EmbeddedModem {
             throw UsageError("malformed modem state: " + mState->path() + ": " + why);
         }
         if (firstUse) {
-            if (auto saved = mState->save(table); !saved.ok()) throw Refused(saved.error().message());
+            if (auto saved = mState->save(table); !saved.ok())
+                throw Refused(saved.error().message());
         }
         modem.setCommitHook([this](const xalsim::Table& changed, std::string* error) {
             auto saved = mState->save(changed);
@@ -512,14 +514,14 @@ class EmbeddedModem {
 
 class Session {
   public:
-    explicit Session(const Globals& globals)
-        : mGlobals(globals), mManager(Manager::getInstance()) {
+    explicit Session(const Globals& globals) : mGlobals(globals), mManager(Manager::getInstance()) {
         if (mGlobals.modemSocket.empty()) {
             mEmbedded = std::make_unique<EmbeddedModem>(mGlobals);
         } else {
             if (mGlobals.noService) {
-                throw UsageError("--no-service is for the embedded modem; on the service, "
-                                 "'kivctl modem down' takes it down");
+                throw UsageError(
+                        "--no-service is for the embedded modem; on the service, "
+                        "'kivctl modem down' takes it down");
             }
             xalremote::setConnector(nullptr);
             xalremote::setSocketPath(mGlobals.modemSocket);
@@ -983,7 +985,8 @@ class Commands {
             return modemStatus();
         } else if (action == "fail" || action == "timeout") {
             noMore(2);
-            if (words.empty()) throw UsageError("modem " + action + " needs a kind (kivctl modem --help)");
+            if (words.empty())
+                throw UsageError("modem " + action + " needs a kind (kivctl modem --help)");
             const int count = words.size() > 1 ? parseInt(words[1], "a count", 1, 1000000) : 1;
             if (action == "fail" && (words[0] == "service" || words[0] == "connect")) {
                 command = {{"op", words[0] == "service" ? "failService" : "failConnect"},
@@ -1009,8 +1012,8 @@ class Commands {
         const auto status = mSession.status();
         const int profiles = status.value("profiles", 0);
         if (mGlobals.json) {
-            mOut << "{\"modem\":" << jsonString(action) << ",\"serviceUp\":"
-                 << (status.value("serviceUp", false) ? "true" : "false")
+            mOut << "{\"modem\":" << jsonString(action)
+                 << ",\"serviceUp\":" << (status.value("serviceUp", false) ? "true" : "false")
                  << ",\"profiles\":" << profiles << "}\n";
         } else if (action == "restart" || action == "reset") {
             mOut << "modem " << done << ": " << profiles << " profiles on the modem\n";
@@ -1047,7 +1050,8 @@ class Commands {
             return {{"op", "indicate"}, {"kind", kind}};
         }
         if (kind == "changed") {
-            if (words.size() != 4) throw UsageError("usage: modem send changed 3gpp|3gpp2|all INDEX EVENT");
+            if (words.size() != 4)
+                throw UsageError("usage: modem send changed 3gpp|3gpp2|all INDEX EVENT");
             static const std::map<std::string, int> kEvents = {
                     {"create", WDS_PROFILE_EVENT_CREATE_V01},
                     {"delete", WDS_PROFILE_EVENT_DELETE_V01},
@@ -1072,7 +1076,8 @@ class Commands {
             if (words.size() != 3) throw UsageError("usage: modem send raw MESSAGE-ID HEX-BYTES");
             const std::string& hex = words[2];
             if (hex.size() % 2 != 0 || hex.size() > 2 * 16384) {
-                throw UsageError("bad bytes '" + hex + "' (pairs of hex digits, at most 16384 bytes)");
+                throw UsageError("bad bytes '" + hex +
+                                 "' (pairs of hex digits, at most 16384 bytes)");
             }
             nlohmann::json bytes = nlohmann::json::array();
             for (size_t i = 0; i < hex.size(); i += 2) {
@@ -1083,7 +1088,9 @@ class Commands {
                 }
                 bytes.push_back(byte);
             }
-            return {{"op", "indicate"}, {"kind", "raw"}, {"msgId", messageIdOf(words[1])},
+            return {{"op", "indicate"},
+                    {"kind", "raw"},
+                    {"msgId", messageIdOf(words[1])},
                     {"bytes", bytes}};
         }
         throw UsageError("unknown indication '" + kind +
@@ -1102,8 +1109,8 @@ class Commands {
              << " 3gpp2)\n"
              << "latency:   " << status.value("latencyMs", 0) << " ms per request\n"
              << "clients:   " << status.value("clients", 0) << "\n"
-             << "requests:  " << status.value("requests", 0) << " (" << status.value("failedRequests", 0)
-             << " failed)\n";
+             << "requests:  " << status.value("requests", 0) << " ("
+             << status.value("failedRequests", 0) << " failed)\n";
         const std::string error = status.value("commitError", std::string());
         if (!error.empty()) mOut << "last save: failed: " << error << "\n";
         return kOk;
@@ -1181,9 +1188,9 @@ class ChangeWatcher {
   private:
     bool send(unsigned int msgId, void* request, unsigned int length) {
         wds_generic_resp_msg_v01 response{};
-        return xal_client_send_msg_sync(mClient, msgId, request, length, &response,
-                                        sizeof(response),
-                                        static_cast<unsigned int>(mTimeout.count())) == XAL_NO_ERR &&
+        return xal_client_send_msg_sync(
+                       mClient, msgId, request, length, &response, sizeof(response),
+                       static_cast<unsigned int>(mTimeout.count())) == XAL_NO_ERR &&
                response.resp.result == 0;
     }
     static void onIndication(xal_client_type, unsigned int msgId, void* buffer, unsigned int length,
@@ -1214,14 +1221,15 @@ int Commands::watch(Args& args) {
     const int limit = countText ? parseInt(*countText, "--count", 1) : 0;
     args.positionals(0);
     if (mGlobals.modemSocket.empty()) {
-        throw UsageError("watch needs the modem service: start kivmodemd and name its socket "
-                         "with --modem PATH or KIVR_MODEM");
+        throw UsageError(
+                "watch needs the modem service: start kivmodemd and name its socket "
+                "with --modem PATH or KIVR_MODEM");
     }
     ChangeWatcher watcher(std::chrono::milliseconds(mGlobals.timeoutMs));
     mErr << "kivctl: watching the modem at " << xalremote::socketPath() << "\n";
     mErr.flush();
-    static const char* const kEvents[] = {"0", "create", "delete", "modify",
-                                          "subscription-change", "profile-ready"};
+    static const char* const kEvents[] = {
+            "0", "create", "delete", "modify", "subscription-change", "profile-ready"};
     for (int seen = 0; limit == 0 || seen < limit; ++seen) {
         auto indication = watcher.next();
         if (!indication) throw Refused("the modem service went away");

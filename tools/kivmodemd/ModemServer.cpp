@@ -18,8 +18,8 @@
 
 namespace kivmodemd {
 
-using android::base::Error;
 using android::base::ErrnoError;
+using android::base::Error;
 using android::base::Result;
 using android::base::StringPrintf;
 using android::base::unique_fd;
@@ -96,7 +96,7 @@ ModemServer::ModemServer(const Options& options, Log log)
       mLog(std::move(log)),
       mModem([this](xalsim::ClientId client, Event event, xalsim::Clock::time_point due) {
           {
-              std::lock_guard<std::mutex> guard(mPostedLock);
+              kiv::MutexLock guard(mPostedLock);
               mPosted.push_back({client, std::move(event), due});
           }
           // The service thread looks at what was posted after every step;
@@ -160,7 +160,8 @@ Result<void> ModemServer::listen(const std::string& path) {
     if (bound != 0) return Error(bindErrno) << "cannot bind " << path;
     mSocketPath = path;
     if (chmod(path.c_str(), 0600) != 0) return ErrnoError() << "cannot set the mode of " << path;
-    if (::listen(listener.get(), SOMAXCONN) != 0) return ErrnoError() << "cannot listen on " << path;
+    if (::listen(listener.get(), SOMAXCONN) != 0)
+        return ErrnoError() << "cannot listen on " << path;
     mSocketLock = std::move(lock);
     mListener = std::move(listener);
     watch(mListener.get(), kListenKey, EPOLLIN);
@@ -169,7 +170,7 @@ Result<void> ModemServer::listen(const std::string& path) {
 
 void ModemServer::adopt(unique_fd connection) {
     {
-        std::lock_guard<std::mutex> guard(mPostedLock);
+        kiv::MutexLock guard(mPostedLock);
         mAdopted.push_back(std::move(connection));
     }
     wakeUp(mWake.get());
@@ -177,7 +178,7 @@ void ModemServer::adopt(unique_fd connection) {
 
 void ModemServer::stop() {
     {
-        std::lock_guard<std::mutex> guard(mPostedLock);
+        kiv::MutexLock guard(mPostedLock);
         mStopping = true;
     }
     wakeUp(mWake.get());
@@ -187,7 +188,7 @@ void ModemServer::run(int stopFd) {
     if (stopFd >= 0) watch(stopFd, kStopKey, EPOLLIN);
     for (;;) {
         {
-            std::lock_guard<std::mutex> guard(mPostedLock);
+            kiv::MutexLock guard(mPostedLock);
             if (mStopping) break;
         }
         if (step(timeoutUntilNextWork(Clock::now())) == Step::kStop) break;
@@ -216,7 +217,7 @@ ModemServer::Step ModemServer::step(int timeoutMs) {
             drain(mWake.get());
             std::vector<unique_fd> adopted;
             {
-                std::lock_guard<std::mutex> guard(mPostedLock);
+                kiv::MutexLock guard(mPostedLock);
                 adopted.swap(mAdopted);
             }
             for (auto& fd : adopted) addConnection(std::move(fd));
@@ -361,7 +362,8 @@ void ModemServer::handle(Connection& connection, const Message& message) {
     const xalsim::ClientId client = clientIdOf(connection.id);
     if (!connection.greeted) {
         if (message.type != MessageType::kHello || message.words[0] > 3) {
-            drop(connection, std::string("expected hello, got ") + xalremote::typeName(message.type));
+            drop(connection,
+                 std::string("expected hello, got ") + xalremote::typeName(message.type));
             return;
         }
         connection.greeted = true;
@@ -372,7 +374,8 @@ void ModemServer::handle(Connection& connection, const Message& message) {
             case Role::kService: {
                 const bool service = connection.role == Role::kService;
                 result = mModem.openClient(
-                        client, service ? xalsim::ClientRole::kService : xalsim::ClientRole::kNotifier,
+                        client,
+                        service ? xalsim::ClientRole::kService : xalsim::ClientRole::kNotifier,
                         (message.words[1] & xalremote::kReturning) != 0);
                 connection.clientOpen = result == XAL_NO_ERR;
                 break;
@@ -400,8 +403,9 @@ void ModemServer::handle(Connection& connection, const Message& message) {
             ++mArrivals[msgId];
             const uint32_t responseLength = message.words[2];
             if (responseLength > xalremote::kMaxMessage - xalremote::kHeaderSize - 4) {
-                reply(connection, xalremote::makeMessage(MessageType::kResponse, message.seq,
-                                                         {static_cast<uint32_t>(XAL_CLIENT_PARAM_ERR)}));
+                reply(connection,
+                      xalremote::makeMessage(MessageType::kResponse, message.seq,
+                                             {static_cast<uint32_t>(XAL_CLIENT_PARAM_ERR)}));
                 return;
             }
             mPending.push_back({connection.id, message.seq, msgId, message.words[1], responseLength,
@@ -409,12 +413,12 @@ void ModemServer::handle(Connection& connection, const Message& message) {
             return;
         }
         case MessageType::kPing:
-            queueEvent(connection, {connection.events.empty()
-                                            ? Clock::now()
-                                            : std::max(Clock::now(), connection.events.back().due),
-                                    xalremote::encode(xalremote::makeMessage(MessageType::kPong,
-                                                                             message.seq)),
-                                    Event::kNotify, false});
+            queueEvent(connection,
+                       {connection.events.empty()
+                                ? Clock::now()
+                                : std::max(Clock::now(), connection.events.back().due),
+                        xalremote::encode(xalremote::makeMessage(MessageType::kPong, message.seq)),
+                        Event::kNotify, false});
             return;
         case MessageType::kControl:
             if (connection.role != Role::kControl) break;
@@ -444,17 +448,17 @@ void ModemServer::queueEvent(Connection& connection, Outgoing outgoing) {
 void ModemServer::takePosted() {
     std::vector<Posted> posted;
     {
-        std::lock_guard<std::mutex> guard(mPostedLock);
+        kiv::MutexLock guard(mPostedLock);
         posted.swap(mPosted);
     }
     for (auto& [client, event, due] : posted) {
         auto it = mConnections.find(connectionOf(client));
         if (it == mConnections.end() || it->second.dead) continue;
-        const Message message = xalremote::makeMessage(
-                MessageType::kEvent, 0,
-                {static_cast<uint32_t>(wireKind(event.kind)), static_cast<uint32_t>(event.code),
-                 event.msgId},
-                std::move(event.payload));
+        const Message message =
+                xalremote::makeMessage(MessageType::kEvent, 0,
+                                       {static_cast<uint32_t>(wireKind(event.kind)),
+                                        static_cast<uint32_t>(event.code), event.msgId},
+                                       std::move(event.payload));
         queueEvent(it->second, {due, xalremote::encode(message), event.kind, true});
     }
 }
@@ -462,8 +466,8 @@ void ModemServer::takePosted() {
 void ModemServer::flush(Connection& connection, Clock::time_point now) {
     if (connection.waitingToWrite) return;
     auto send = [&](const std::vector<uint8_t>& bytes) {
-        const ssize_t sent = TEMP_FAILURE_RETRY(
-                ::send(connection.fd.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+        const ssize_t sent = TEMP_FAILURE_RETRY(::send(connection.fd.get(), bytes.data(),
+                                                       bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
         if (sent == static_cast<ssize_t>(bytes.size())) {
             connection.queuedBytes -= bytes.size();
             return true;
@@ -521,10 +525,10 @@ std::optional<ModemServer::Clock::time_point> ModemServer::serveDue(Clock::time_
         response.resize(head.responseLength);
         if (result != XAL_TIMEOUT_ERR) {
             // A time-out is no answer at all: the client's own clock tells it.
-            reply(it->second, xalremote::makeMessage(MessageType::kResponse, head.seq,
-                                                     {static_cast<uint32_t>(result)},
-                                                     result == XAL_NO_ERR ? std::move(response)
-                                                                          : std::vector<uint8_t>()));
+            reply(it->second,
+                  xalremote::makeMessage(
+                          MessageType::kResponse, head.seq, {static_cast<uint32_t>(result)},
+                          result == XAL_NO_ERR ? std::move(response) : std::vector<uint8_t>()));
         }
         mPending.pop_front();
     }
@@ -543,7 +547,8 @@ void ModemServer::checkWaiters(Clock::time_point now) {
         if (connection != mConnections.end() && !connection->second.dead) {
             json answer = {{"ok", met}, {"count", arrived}};
             if (!met) answer["error"] = "time-out";
-            reply(connection->second, xalremote::makeText(MessageType::kReply, it->seq, answer.dump()));
+            reply(connection->second,
+                  xalremote::makeText(MessageType::kReply, it->seq, answer.dump()));
         }
         it = mWaiters.erase(it);
     }
@@ -551,18 +556,17 @@ void ModemServer::checkWaiters(Clock::time_point now) {
 
 void ModemServer::handleControl(Connection& connection, const Message& message) {
     nlohmann::ordered_json answer = {{"ok", true}};
-    auto refuse = [&](const std::string& why) {
-        answer = {{"ok", false}, {"error", why}};
-    };
+    auto refuse = [&](const std::string& why) { answer = {{"ok", false}, {"error", why}}; };
     json command = json::parse(message.text(), nullptr, /*allow_exceptions=*/false);
-    const std::string op = command.is_object() && command.contains("op") && command["op"].is_string()
-                                   ? command["op"].get<std::string>()
-                                   : "";
+    const std::string op =
+            command.is_object() && command.contains("op") && command["op"].is_string()
+                    ? command["op"].get<std::string>()
+                    : "";
     auto count = [&](const char* name, int fallback) {
         const json& value = command.is_object() && command.contains(name) ? command[name] : json();
-        return value.is_number_integer() ? static_cast<int>(std::clamp<int64_t>(
-                                                   value.get<int64_t>(), 0, 1000000))
-                                         : fallback;
+        return value.is_number_integer()
+                       ? static_cast<int>(std::clamp<int64_t>(value.get<int64_t>(), 0, 1000000))
+                       : fallback;
     };
     auto storeError = [&](uint64_t failedBefore) {
         if (mModem.counters().failedCommits != failedBefore) refuse(mModem.lastCommitError());
@@ -597,8 +601,13 @@ void ModemServer::handleControl(Connection& connection, const Message& message) 
         mModem.setServiceUp(op == "up");
         storeError(failedBefore);
     } else if (op == "reset") {
+        // The whole table changed: every client is told to read it again.
         std::string why;
-        if (!mModem.restoreTable(xalsim::factoryTable(), &why)) refuse(why);
+        if (mModem.restoreTable(xalsim::factoryTable(), &why)) {
+            mModem.sendProfileReady();
+        } else {
+            refuse(why);
+        }
     } else if (op == "fail" || op == "timeout") {
         const auto id = messageId(command.value("msgId", json()));
         if (!id) {
@@ -648,9 +657,9 @@ void ModemServer::handleControl(Connection& connection, const Message& message) 
         if (!id) {
             refuse("a message id is needed");
         } else {
-            mWaiters.push_back({connection.id, message.seq, *id,
-                                static_cast<uint64_t>(count("count", 1)),
-                                Clock::now() + std::chrono::milliseconds(count("timeoutMs", 10000))});
+            mWaiters.push_back(
+                    {connection.id, message.seq, *id, static_cast<uint64_t>(count("count", 1)),
+                     Clock::now() + std::chrono::milliseconds(count("timeoutMs", 10000))});
             return;  // answered by checkWaiters
         }
     } else {

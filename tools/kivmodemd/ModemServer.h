@@ -12,7 +12,6 @@
 #pragma once
 
 #include <android-base/result.h>
-#include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 
 #include <chrono>
@@ -24,6 +23,7 @@
 #include <vector>
 
 #include "ModemCore.h"
+#include "Mutex.h"
 #include "ServiceWire.h"
 
 namespace kivmodemd {
@@ -137,7 +137,7 @@ class ModemServer {
     std::string mSocketPath;
 
     // Events the modem raised, waiting for the service thread.
-    std::mutex mPostedLock;
+    kiv::Mutex mPostedLock;
     std::vector<Posted> mPosted GUARDED_BY(mPostedLock);
     std::vector<android::base::unique_fd> mAdopted GUARDED_BY(mPostedLock);
     bool mStopping GUARDED_BY(mPostedLock);

@@ -1,0 +1,436 @@
+// The modem service with several processes at once: kivmodemd, kivctl runs
+// in processes of their own, and this process's library on the service.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "CapturingLog.h"
+#include "Manager.h"
+#include "ServiceControl.h"
+#include "StateFile.h"
+#include "Subprocess.h"
+#include "XalRemote.h"
+#include "diag_host.h"
+
+namespace kiv {
+namespace {
+
+namespace fs = std::filesystem;
+using test::Subprocess;
+using namespace std::chrono_literals;
+
+std::string read(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+size_t lines(const std::string& text) {
+    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+// A command line for one of the project's programs, under the emulator the
+// tests run under when they were cross-built.
+std::vector<std::string> command(const std::string& program, std::vector<std::string> args = {}) {
+    std::vector<std::string> argv;
+    std::istringstream emulator(KIVR_EMULATOR);
+    for (std::string word; emulator >> word;) argv.push_back(word);
+    argv.push_back(program);
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
+class ServiceFixture : public testing::Test {
+  protected:
+    void SetUp() override {
+        dir = testing::TempDir() + "svc-" +
+              testing::UnitTest::GetInstance()->current_test_info()->name();
+        fs::remove_all(dir);
+        fs::create_directories(dir);
+        state = dir + "/modem.state";
+        socket = dir + "/modem.sock";
+        xalremote::setSocketPath(socket);
+    }
+    void TearDown() override {
+        daemon.reset();
+        fs::permissions(dir, fs::perms::owner_all);
+        fs::remove_all(dir);
+    }
+
+    // Starts kivmodemd on the fixture's state and socket; returns once it is ready.
+    void startDaemon(std::vector<std::string> options = {}) {
+        auto argv = command(KIVMODEMD_PATH, {"--state", state, "--socket", socket});
+        argv.insert(argv.end(), options.begin(), options.end());
+        daemon = std::make_unique<Subprocess>(argv, Subprocess::Options());
+        ASSERT_TRUE(daemon->waitForOutput("ready", 20s)) << daemon->finish(1s).err;
+    }
+    static Subprocess::Result kivctl(std::vector<std::string> args, const std::string& input = "") {
+        return Subprocess::run(command(KIVCTL_PATH, args), input);
+    }
+    Subprocess::Result onService(std::vector<std::string> args, const std::string& input = "") {
+        args.insert(args.begin(), {"--modem", socket, "--timeout", "60000"});
+        return kivctl(args, input);
+    }
+    nlohmann::json control(const nlohmann::json& command) {
+        auto connection = xalremote::ServiceControl::connect();
+        EXPECT_TRUE(connection.ok()) << connection.error().message();
+        auto answer = connection->call(command);
+        EXPECT_TRUE(answer.ok()) << answer.error().message();
+        return answer.ok() ? *answer : nlohmann::json();
+    }
+    // The APNs of every profile, 3GPP and 3GPP2.
+    std::set<std::string> apnsOnTheModem() {
+        std::set<std::string> apns;
+        const nlohmann::json table = control({{"op", "profiles"}});
+        for (const auto& profile : table["profiles"]) {
+            for (const char* field : {"apn_name", "apn_string"}) {
+                if (profile.contains(field)) apns.insert(profile[field].get<std::string>());
+            }
+        }
+        return apns;
+    }
+
+    // This process's library on the service, with its log captured.
+    void startLibrary() {
+        diag_host_set_sink([](const msg_desc_type*, const char*, void*) {}, nullptr);
+        Manager::getInstance().init(0, true);
+        log = std::make_unique<test::ScopedLogCapture>();
+        ASSERT_TRUE(xalremote::waitForRegisteredClients(1, 20s));
+        Manager::getInstance().refresh(PDC_REFRESH_COMPLETED);
+    }
+    // Every indication the service sent this process has been handled.
+    void settle() {
+        ASSERT_TRUE(xalremote::sync(20s)) << "events from the service not delivered";
+        Manager::getInstance().match(FilterProfileParams(), nullptr);
+        Manager::getInstance().match(FilterProfileParams(), nullptr);
+    }
+    static std::shared_ptr<IProfileKey> add(const std::string& apn, bool persistent) {
+        ProfileParams params;
+        params.setApnName(apn);
+        return Manager::getInstance().addProfile(
+                AddProfileParams(params, persistent, TechType::TECH_3GPP, false));
+    }
+    static std::list<std::shared_ptr<IProfileKey>> byApn(const std::string& apn) {
+        FilterProfileParams filter;
+        filter.setApnName(apn);
+        return Manager::getInstance().filter(filter);
+    }
+
+    std::string dir, state, socket;
+    std::unique_ptr<Subprocess> daemon;
+    std::unique_ptr<test::ScopedLogCapture> log;
+};
+
+TEST_F(ServiceFixture, Service_TwentyConcurrentAdds_DistinctProfilesInEitherMode) {
+    for (const bool shared : {true, false}) {
+        if (shared) startDaemon();
+        std::vector<std::unique_ptr<Subprocess>> runs;
+        for (int i = 1; i <= 20; ++i) {
+            auto argv = command(KIVCTL_PATH, {"--timeout", "60000"});
+            if (shared) {
+                argv.insert(argv.end(), {"--modem", socket});
+            } else {
+                argv.insert(argv.end(), {"--modem-state", dir + "/embedded.state"});
+            }
+            argv.insert(argv.end(), {"add", "--apn", "p" + std::to_string(i)});
+            runs.push_back(std::make_unique<Subprocess>(argv, Subprocess::Options()));
+        }
+        std::set<std::string> told;
+        for (auto& run : runs) {
+            const auto result = run->finish();
+            EXPECT_EQ(result.status, 0) << result.err;
+            told.insert(result.out);
+        }
+        EXPECT_EQ(told.size(), 20u) << "two processes were told the same profile";
+        std::set<std::string> apns;
+        if (shared) {
+            apns = apnsOnTheModem();
+        } else {
+            auto table = xalsim::StateFile::parse(read(dir + "/embedded.state"));
+            ASSERT_TRUE(table.ok()) << table.error().message();
+            for (const auto& [slot, settings] : *table) {
+                apns.insert(slot.first == WDS_PROFILE_TYPE_3GPP2_V01 ? settings.apn_string
+                                                                     : settings.apn_name);
+            }
+        }
+        EXPECT_EQ(apns.size(), 24u);  // the factory four and twenty more
+        for (int i = 1; i <= 20; ++i) EXPECT_EQ(apns.count("p" + std::to_string(i)), 1u) << i;
+    }
+}
+
+TEST_F(ServiceFixture, Service_OtherProcessChanges_ArriveAsForeignChanges) {
+    startDaemon();
+    startLibrary();
+    ASSERT_TRUE(byApn("elsewhere").empty());
+
+    auto result = onService({"add", "--apn", "elsewhere", "--ip", "v4"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    settle();
+    auto keys = byApn("elsewhere");
+    ASSERT_EQ(keys.size(), 1u);
+    EXPECT_EQ(log->count("ProfileCache: updating cache due to indication!"), 2u);  // Create, Modify
+
+    result = onService({"modify", std::to_string(keys.front()->getProfileId()), "--ip", "v6"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    settle();
+    auto seen = Manager::getInstance().getProfile(byApn("elsewhere").front());
+    ASSERT_TRUE(seen);
+    EXPECT_EQ(seen->getHomeIPType(), IPType::V6);
+
+    // And this process's change is an echo here, a foreign change there.
+    auto watch = std::make_unique<Subprocess>(
+            command(KIVCTL_PATH, {"--modem", socket, "--json", "watch", "--count", "2"}),
+            Subprocess::Options());
+    ASSERT_TRUE(watch->waitForOutput("watching", 20s, /*fromError=*/true));
+    ASSERT_TRUE(add("from.here", true));
+    settle();
+    EXPECT_EQ(log->count("ProfileCache: pending transaction confirmed"), 2u);
+    const auto watched = watch->finish();
+    EXPECT_EQ(watched.status, 0) << watched.err;
+    EXPECT_NE(
+            watched.out.find("{\"event\":\"create\",\"type\":\"3gpp\",\"index\":5,\"settings\":{"),
+            std::string::npos)
+            << watched.out;
+    EXPECT_NE(watched.out.find("\"apn_name\":\"from.here\""), std::string::npos);
+}
+
+TEST_F(ServiceFixture, Service_ClientKilledInARequest_ServiceGoesOnServingOthers) {
+    startDaemon({"--latency", "50"});
+    Subprocess victim(
+            command(KIVCTL_PATH, {"--modem", socket, "--timeout", "60000", "add", "--apn", "x"}),
+            Subprocess::Options());
+    // The daemon holds the victim's create request when it dies.
+    const auto waited = control({{"op", "waitRequests"},
+                                 {"msgId", XAL_WDS_CREATE_PROFILE_REQ_V01},
+                                 {"count", 1},
+                                 {"timeoutMs", 20000}});
+    ASSERT_EQ(waited.value("ok", false), true);
+    victim.kill(SIGKILL);
+    EXPECT_EQ(victim.finish().status, 128 + SIGKILL);
+
+    const auto result = onService({"add", "--apn", "after"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(apnsOnTheModem().count("after"), 1u);
+    EXPECT_EQ(control({{"op", "status"}}).value("serviceUp", false), true);
+}
+
+TEST_F(ServiceFixture, Service_DaemonRestartedUnderLiveClients_LibraryRecovers) {
+    startDaemon();
+    startLibrary();
+    auto kept = add("kept", true);
+    auto temporary = add("temporary", false);
+    ASSERT_TRUE(kept && temporary);
+    settle();
+
+    daemon->kill(SIGKILL);
+    daemon->finish();
+    // Every connection's end has reached the library: it knows the modem went down.
+    settle();
+    EXPECT_EQ(xalremote::registeredClients(), 0u);
+    EXPECT_TRUE(log->contains("Handling modem down"));
+
+    startDaemon();
+    ASSERT_TRUE(xalremote::waitForRegisteredClients(1, 20s)) << "the library did not reconnect";
+    settle();  // the modem's ProfileReady made it reread
+    EXPECT_FALSE(Manager::getInstance().getProfile(kept));  // keys from before are void
+    EXPECT_EQ(byApn("kept").size(), 1u);
+    EXPECT_TRUE(byApn("temporary").empty());
+    EXPECT_EQ(Manager::getInstance().filter(FilterProfileParams()).size(), 5u);
+    const std::string saved = read(state);
+    EXPECT_NE(saved.find("\"kept\""), std::string::npos);
+    EXPECT_EQ(saved.find("\"temporary\""), std::string::npos);
+    // And it works: a new profile takes the place the temporary one left.
+    auto again = add("again", false);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->getProfileId(), 5);
+}
+
+TEST_F(ServiceFixture, Service_TimeOut_NoAnswerWithinItIsATimeOut) {
+    startDaemon({"--latency", "300"});
+    xal_idl_service_object_type service = wds_get_service_object_internal_v01(1, 0xF1, 6);
+    xal_service_info info{};
+    xal_client_os_params os{};
+    xal_client_type client = nullptr;
+    ASSERT_EQ(xal_client_get_any_service(service, &info), XAL_NO_ERR);
+    ASSERT_EQ(xal_client_init(&info, service, nullptr, nullptr, &os, &client), XAL_NO_ERR);
+    wds_create_profile_req_msg_v01 create{};
+    create.profile_type = WDS_PROFILE_TYPE_3GPP_V01;
+    wds_create_profile_resp_msg_v01 created{};
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(xal_client_send_msg_sync(client, XAL_WDS_CREATE_PROFILE_REQ_V01, &create,
+                                       sizeof(create), &created, sizeof(created), 100),
+              XAL_TIMEOUT_ERR);
+    EXPECT_GE(std::chrono::steady_clock::now() - started, 100ms);
+    EXPECT_EQ(control({{"op", "status"}}).value("profiles", 0), 4);  // not served
+    EXPECT_EQ(xal_client_send_msg_sync(client, XAL_WDS_CREATE_PROFILE_REQ_V01, &create,
+                                       sizeof(create), &created, sizeof(created), 5000),
+              XAL_NO_ERR);
+    EXPECT_EQ(created.profile.profile_index, 4);
+    control({{"op", "timeout"}, {"msgId", XAL_WDS_DELETE_PROFILE_REQ_V01}, {"count", 1}});
+    wds_delete_profile_req_msg_v01 remove{};
+    remove.profile = {WDS_PROFILE_TYPE_3GPP_V01, 4};
+    wds_delete_profile_resp_msg_v01 removed{};
+    EXPECT_EQ(xal_client_send_msg_sync(client, XAL_WDS_DELETE_PROFILE_REQ_V01, &remove,
+                                       sizeof(remove), &removed, sizeof(removed), 1000),
+              XAL_TIMEOUT_ERR);
+    EXPECT_EQ(xal_client_release(client), XAL_NO_ERR);
+    EXPECT_EQ(xal_client_release(client), XAL_CLIENT_INVALID_CLNT);
+}
+
+TEST_F(ServiceFixture, Service_Daemon_RefusesWhatItCannotServeAndStopsCleanly) {
+    startDaemon();
+    struct stat info {};
+    ASSERT_EQ(stat(socket.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    const struct {
+        std::vector<std::string> argv;
+        int status;
+        std::string words;
+    } kRefused[] = {
+            {{"--state", state, "--socket", dir + "/other.sock"}, 1, "is in use by kivmodemd (pid"},
+            {{"--state", dir + "/other.state", "--socket", socket}, 1, "another kivmodemd serves"},
+            {{"--state", state}, 2, "--state FILE and --socket PATH are needed"},
+            {{"--state", state, "--socket", socket, "--latency", "-1"},
+             2,
+             "bad value '-1' for --latency"},
+            {{"--state", state, "--socket", socket, "--bogus", "1"}, 2, "unknown option --bogus"},
+            {{"--state", "--socket", socket}, 2, "option --state needs a value"},
+    };
+    for (const auto& refused : kRefused) {
+        const auto result = Subprocess::run(command(KIVMODEMD_PATH, refused.argv));
+        EXPECT_EQ(result.status, refused.status) << result.err;
+        EXPECT_EQ(lines(result.err), 1u) << result.err;
+        EXPECT_NE(result.err.find(refused.words), std::string::npos) << result.err;
+    }
+    EXPECT_FALSE(fs::exists(dir + "/other.state"));
+
+    daemon->kill(SIGTERM);
+    const auto stopped = daemon->finish();
+    EXPECT_EQ(stopped.status, 0);
+    EXPECT_NE(stopped.err.find("stopping on Terminated"), std::string::npos);
+    EXPECT_FALSE(fs::exists(socket));
+
+    // A state file it cannot load: one line, exit status 2, the file untouched.
+    std::ofstream(state) << "{\"format\": \"kivr-modem-state\", \"version\": 2, \"profiles\": [";
+    const std::string damaged = read(state);
+    const auto result =
+            Subprocess::run(command(KIVMODEMD_PATH, {"--state", state, "--socket", socket}));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(lines(result.err), 1u) << result.err;
+    EXPECT_NE(result.err.find("is the file cut short?"), std::string::npos) << result.err;
+    EXPECT_EQ(read(state), damaged);
+
+    // SIGINT stops it as cleanly; a socket left by a daemon that died is taken over.
+    fs::remove(state);
+    startDaemon();
+    daemon->kill(SIGKILL);
+    daemon->finish();
+    startDaemon();
+    daemon->kill(SIGINT);
+    EXPECT_EQ(daemon->finish().status, 0);
+}
+
+// kivctl's embedded modem on a state file, run as a user runs it.
+TEST_F(ServiceFixture, Kivctl_StateFileFaults_NothingLostNothingCorruptNoFalseSuccess) {
+    auto embedded = [&](std::vector<std::string> args, const Subprocess::Options& options = {}) {
+        args.insert(args.begin(), {"--modem-state", state});
+        return Subprocess::run(command(KIVCTL_PATH, args), "", options);
+    };
+    ASSERT_EQ(embedded({"list"}).status, 0);
+    auto inode = [&] {
+        struct stat info {};
+        stat(state.c_str(), &info);
+        return info.st_ino;
+    };
+
+    // Read-only and rejected commands leave the file as it is.
+    const auto untouched = inode();
+    for (const auto& args : std::vector<std::vector<std::string>>{{"list"},
+                                                                  {"show", "1"},
+                                                                  {"find", "--apn", "ims"},
+                                                                  {"add", "--ip", "v5"},
+                                                                  {"delete", "77"},
+                                                                  {"modify", "1"}}) {
+        embedded(args);
+        EXPECT_EQ(inode(), untouched) << args[0];
+    }
+
+    // A full disk: the add is refused with the reason, and the file is whole.
+    const std::string before = read(state);
+    Subprocess::Options full;
+    full.fileSizeLimit = static_cast<long>(before.size());
+    auto result = embedded({"add", "--apn", "a.rather.long.access.point.name"}, full);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("the modem could not store the change: cannot write " + state +
+                              ": File too large"),
+              std::string::npos)
+            << result.err;
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(read(state), before);
+
+    // A read-only folder: reading works, a change fails with the reason.
+    Subprocess::Options nobody;
+    nobody.asNobody = true;
+    fs::permissions(state, fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
+    fs::remove(state + ".lock");
+    fs::permissions(dir, fs::perms::owner_read | fs::perms::owner_exec | fs::perms::group_read |
+                                 fs::perms::group_exec | fs::perms::others_read |
+                                 fs::perms::others_exec);
+    fs::permissions(fs::path(dir).parent_path(), fs::perms::others_exec, fs::perm_options::add);
+    result = embedded({"list"}, nobody);
+    EXPECT_EQ(result.status, 0) << result.err;
+    result = embedded({"add", "--apn", "x"}, nobody);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("Permission denied"), std::string::npos) << result.err;
+    fs::permissions(dir, fs::perms::owner_all);
+    EXPECT_EQ(read(state), before);
+
+    // A symlinked state file keeps its link, and its mode.
+    fs::rename(state, dir + "/target.state");
+    fs::create_symlink("target.state", state);
+    chmod((dir + "/target.state").c_str(), 0640);
+    result = embedded({"add", "--apn", "through.the.link"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(fs::is_symlink(state));
+    EXPECT_NE(read(dir + "/target.state").find("through.the.link"), std::string::npos);
+    EXPECT_EQ(fs::status(dir + "/target.state").permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+
+    // A shell ended by a signal keeps every change it reported done.
+    for (const int signal : {SIGTERM, SIGINT}) {
+        const std::string apn = "kept.by.shell" + std::to_string(signal);
+        Subprocess shell(command(KIVCTL_PATH, {"--modem-state", state, "shell"}),
+                         Subprocess::Options());
+        shell.write("add --apn " + apn + "\n");
+        ASSERT_TRUE(shell.waitForOutput("added", 20s)) << shell.finish(1s).err;
+        shell.kill(signal);
+        shell.finish();
+        EXPECT_NE(read(state).find(apn), std::string::npos) << signal;
+    }
+
+    // A state path that is a folder: refused with the reason, nothing made.
+    fs::create_directories(dir + "/folder.state");
+    result = Subprocess::run(command(KIVCTL_PATH, {"--modem-state", dir + "/folder.state", "add"}));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "kivctl: " + dir + "/folder.state is not a regular file\n");
+
+    // A damaged or oversized table is refused, and left as it is.
+    for (const std::string& text :
+         {read(state).substr(0, read(state).rfind("\n  ]")),
+          std::string(
+                  R"({"format":"kivr-modem-state","version":2,"profiles":[{"type":"3gpp","index":30}]})")}) {
+        std::ofstream(dir + "/target.state") << text;
+        result = embedded({"list"});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_NE(result.err.find("malformed modem state"), std::string::npos) << result.err;
+        EXPECT_EQ(read(dir + "/target.state"), text);
+    }
+}
+
+}  // namespace
+}  // namespace kiv
