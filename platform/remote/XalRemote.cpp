@@ -458,7 +458,11 @@ class Transport {
     }
 
     void attachLocked(xal_client_type client, unique_fd fd) REQUIRES(mLock) {
-        client->fd = std::move(fd);
+        {
+            // A notifier's earlier connection may be in a writer's hands.
+            kiv::MutexLock writer(client->sendLock);
+            client->fd = std::move(fd);
+        }
         client->connected = true;
         epoll_event event{};
         event.events = EPOLLIN;

@@ -1,6 +1,5 @@
 #include "SettingsJson.h"
 
-#include <android-base/strings.h>
 
 #include <cstring>
 #include <limits>
