@@ -53,7 +53,7 @@ Subprocess::Subprocess(const std::vector<std::string>& argv, const Options& opti
             (setgroups(0, nullptr) != 0 || setgid(nobodyGid) != 0 || setuid(nobodyUid) != 0)) {
             _exit(126);
         }
-        execve(args[0], args.data(), env.data());
+        execvpe(args[0], args.data(), env.data());
         _exit(127);
     }
     ::close(in[0]);

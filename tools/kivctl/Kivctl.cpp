@@ -1082,8 +1082,9 @@ class Commands {
             nlohmann::json bytes = nlohmann::json::array();
             for (size_t i = 0; i < hex.size(); i += 2) {
                 unsigned int byte = 0;
-                if (!android::base::ParseUint("0x" + hex.substr(i, 2), &byte, 0xFFu) ||
-                    !isxdigit(static_cast<unsigned char>(hex[i]))) {
+                if (!isxdigit(static_cast<unsigned char>(hex[i])) ||
+                    !isxdigit(static_cast<unsigned char>(hex[i + 1])) ||
+                    !android::base::ParseUint("0x" + hex.substr(i, 2), &byte, 0xFFu)) {
                     throw UsageError("bad bytes '" + hex + "' (pairs of hex digits)");
                 }
                 bytes.push_back(byte);
