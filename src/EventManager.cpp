@@ -1,6 +1,5 @@
 #include "EventManager.h"
 
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,28 +13,27 @@
 
 namespace kiv {
 
-std::mutex EventManager::sApprovedLock;
+Mutex EventManager::sApprovedLock;
 std::set<int> EventManager::sApprovedFd;
 
-EventManager::EventManager() {
-    mEpollFd = epoll_create1(EPOLL_CLOEXEC);
-    if (mEpollFd == -1) {
+EventManager::EventManager() : mEpollFd(epoll_create1(EPOLL_CLOEXEC)) {
+    if (mEpollFd.get() == -1) {
         KLOGE("Cannot create epoll instance");
         abort();
     }
-    mWakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (mWakeFd == -1) {
+    if (!mWakeFd.valid()) {
         KLOGE("Cannot create eventfd instance");
         abort();
     }
-    addEventHandler(mWakeFd, clearRead, nullptr, nullptr, EPOLLIN | EPOLLHUP);
-    KLOGV("EventManager is ready. epollFd:%d", mEpollFd);
+    addEventHandler(mWakeFd.get(), clearRead, nullptr, nullptr, EPOLLIN | EPOLLHUP);
+    KLOGV("EventManager is ready. epollFd:%d", mEpollFd.get());
 }
 
 EventManager::~EventManager() {
-    removeEventHandler(mWakeFd);
-    close(mWakeFd);
-    close(mEpollFd);
+    removeEventHandler(mWakeFd.get());
+    // The wake descriptor closes first, then the epoll one.
+    mWakeFd.reset();
+    mEpollFd.reset();
 }
 
 bool EventManager::addEventHandler(int fd, EventCallback callback, void* data,
@@ -51,7 +49,7 @@ bool EventManager::addEventHandler(int fd, EventCallback callback, void* data,
     struct epoll_event event = {};
     event.events = static_cast<uint32_t>(events);
     event.data.fd = fd;
-    if (epoll_ctl(mEpollFd, EPOLL_CTL_ADD, fd, &event) == -1) {
+    if (epoll_ctl(mEpollFd.get(), EPOLL_CTL_ADD, fd, &event) == -1) {
         // The handler is kept all the same: a later add of the same
         // descriptor must not replace it.
         KLOGE("Cannot add event handler");
@@ -63,7 +61,7 @@ bool EventManager::addEventHandler(int fd, EventCallback callback, void* data,
 
 void EventManager::removeEventHandler(int fd) {
     KLOGV("EventManager::removeEventHandler(int fd) EX");
-    if (epoll_ctl(mEpollFd, EPOLL_CTL_DEL, fd, nullptr) == -1) {
+    if (epoll_ctl(mEpollFd.get(), EPOLL_CTL_DEL, fd, nullptr) == -1) {
         KLOGE("Cannot remove event handler");
     }
     auto it = mHandlers.find(fd);
@@ -79,7 +77,7 @@ void EventManager::removeEventHandler(int fd) {
 }
 
 void EventManager::processEvents() {
-    const int count = epoll_wait(mEpollFd, mEvents, kMaxEvents, -1);
+    const int count = epoll_wait(mEpollFd.get(), mEvents, kMaxEvents, -1);
     if (count == -1) {
         KLOGE("epoll_wait error");
         return;
@@ -90,6 +88,8 @@ void EventManager::processEvents() {
         KLOGV("there are %d file descriptor(s) with events pending", count - i);
         KLOGV("processing event number: %d, handling %d for %d", i, static_cast<int>(events), fd);
 
+        // A descriptor that hung up, or that no manager registered, is closed
+        // here on its owner's behalf: its number must not be dispatched again.
         if (events & EPOLLHUP) {
             KLOGW("file descriptor '%d' sent HUP.", fd);
             removeEventHandler(fd);
@@ -132,9 +132,8 @@ void EventManager::wake() {
     KLOGV("EventManager::wake() EX");
     fputs("wake()\n", stdout);
     fflush(stdout);
-    const uint64_t one = 1;
-    const ssize_t written = write(mWakeFd, &one, sizeof(one));
-    if (written != static_cast<ssize_t>(sizeof(one))) {
+    const ssize_t written = mWakeFd.signal();
+    if (written != static_cast<ssize_t>(sizeof(uint64_t))) {
         KLOGW("Error in writing rv: %d, error: %s", static_cast<int>(written), strerror(errno));
     }
 }
@@ -149,17 +148,17 @@ void EventManager::clearRead(int fd, void* /*data*/) {
 }
 
 bool EventManager::isApprovedFd(int fd) {
-    std::lock_guard<std::mutex> lock(sApprovedLock);
+    MutexLock lock(sApprovedLock);
     return sApprovedFd.count(fd) != 0;
 }
 
 void EventManager::addApprovedFd(int fd) {
-    std::lock_guard<std::mutex> lock(sApprovedLock);
+    MutexLock lock(sApprovedLock);
     sApprovedFd.insert(fd);
 }
 
 void EventManager::remApprovedFd(int fd) {
-    std::lock_guard<std::mutex> lock(sApprovedLock);
+    MutexLock lock(sApprovedLock);
     sApprovedFd.erase(fd);
 }
 

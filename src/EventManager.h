@@ -1,10 +1,13 @@
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <sys/epoll.h>
 
 #include <map>
-#include <mutex>
 #include <set>
+
+#include "EventFd.h"
+#include "Mutex.h"
 
 namespace kiv {
 
@@ -43,22 +46,22 @@ class EventManager {
 
     // Drains a non-blocking descriptor.
     static void clearRead(int fd, void* data);
-    static bool isApprovedFd(int fd);
-    static void addApprovedFd(int fd);
-    static void remApprovedFd(int fd);
+    static bool isApprovedFd(int fd) EXCLUDES(sApprovedLock);
+    static void addApprovedFd(int fd) EXCLUDES(sApprovedLock);
+    static void remApprovedFd(int fd) EXCLUDES(sApprovedLock);
 
   private:
     static constexpr int kMaxEvents = 4;
 
-    int mEpollFd = -1;
-    int mWakeFd = -1;
+    android::base::unique_fd mEpollFd;
+    EventFd mWakeFd;
     struct epoll_event mEvents[kMaxEvents] = {};
     std::map<int, HandlerObject> mHandlers;
 
     // Shared by every EventManager of the process. Its lock lets a second
     // pipeline be built on another thread while the first one still runs.
-    static std::mutex sApprovedLock;
-    static std::set<int> sApprovedFd;  // guarded by sApprovedLock
+    static Mutex sApprovedLock;
+    static std::set<int> sApprovedFd GUARDED_BY(sApprovedLock);
 };
 
 }  // namespace kiv

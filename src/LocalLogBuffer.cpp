@@ -37,7 +37,7 @@ void LocalLogBuffer::addLogWithTimestamp(std::string message) {
     line.append("    ").append(sDateTime).append(fraction, sizeof(fraction));
     line.append(" [").append(mName).append("]").append(message);
 
-    std::lock_guard<std::mutex> lock(mLock);
+    MutexLock lock(mLock);
     // Eviction stops at the capacity before the insertion, so the buffer
     // holds up to capacity + 1 lines.
     while (mLines.size() > static_cast<size_t>(mCapacity)) mLines.pop_front();
@@ -45,12 +45,12 @@ void LocalLogBuffer::addLogWithTimestamp(std::string message) {
 }
 
 std::vector<std::string> LocalLogBuffer::getLogs() {
-    std::lock_guard<std::mutex> lock(mLock);
+    MutexLock lock(mLock);
     return {mLines.begin(), mLines.end()};
 }
 
 void LocalLogBuffer::flush() {
-    std::lock_guard<std::mutex> lock(mLock);
+    MutexLock lock(mLock);
     mLines.clear();
 }
 

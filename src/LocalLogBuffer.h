@@ -1,9 +1,10 @@
 #pragma once
 
 #include <deque>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "Mutex.h"
 
 namespace kiv {
 
@@ -16,16 +17,16 @@ class LocalLogBuffer {
     // The process-wide buffer "KIV", which keeps up to 201 lines.
     static LocalLogBuffer& getInstance();
 
-    void addLogWithTimestamp(std::string message);
-    std::vector<std::string> getLogs();
-    void flush();
+    void addLogWithTimestamp(std::string message) EXCLUDES(mLock);
+    std::vector<std::string> getLogs() EXCLUDES(mLock);
+    void flush() EXCLUDES(mLock);
     std::string getName() const { return mName; }
 
   private:
-    std::deque<std::string> mLines;  // guarded by mLock; oldest first
+    std::deque<std::string> mLines GUARDED_BY(mLock);  // oldest first
     const std::string mName;
     const int mCapacity;
-    std::mutex mLock;
+    Mutex mLock;
 };
 
 }  // namespace kiv

@@ -22,14 +22,14 @@ LogWrapper& LogWrapper::getInstance() {
 void LogWrapper::setLogWriter(std::unique_ptr<LogWriter> writer) {
     std::shared_ptr<LogWriter> previous(std::move(writer));
     {
-        std::lock_guard<std::mutex> lock(mWriterLock);
+        MutexLock lock(mWriterLock);
         mWriter.swap(previous);
     }
     // previous is released here, outside the lock.
 }
 
 std::shared_ptr<LogWriter> LogWrapper::currentWriter() {
-    std::lock_guard<std::mutex> lock(mWriterLock);
+    MutexLock lock(mWriterLock);
     return mWriter;
 }
 
@@ -43,7 +43,7 @@ bool keptInHistory(LogLevel level) {
 
 bool LogWrapper::isLoggable(LogLevel level) {
     if (keptInHistory(level)) return true;
-    std::lock_guard<std::mutex> lock(mWriterLock);
+    MutexLock lock(mWriterLock);
     return mWriter && mWriter->isLoggable(level);
 }
 

@@ -3,10 +3,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "LogWriter.h"
+#include "Mutex.h"
 
 namespace kiv {
 
@@ -37,10 +37,10 @@ class LogWrapper {
   private:
     LogWrapper() = default;
 
-    std::shared_ptr<LogWriter> currentWriter();
+    std::shared_ptr<LogWriter> currentWriter() EXCLUDES(mWriterLock);
 
-    std::mutex mWriterLock;              // held only to read or swap mWriter
-    std::shared_ptr<LogWriter> mWriter;  // guarded by mWriterLock
+    Mutex mWriterLock;  // held only to read or swap mWriter
+    std::shared_ptr<LogWriter> mWriter GUARDED_BY(mWriterLock);
 };
 
 }  // namespace kiv

@@ -1,5 +1,6 @@
 #include "ProfileCache.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <limits>
 
@@ -11,19 +12,23 @@ namespace kiv {
 
 namespace {
 
-// Touched only on the worker thread.
-unsigned long sNextToken = 0;
+// Process-wide: tokens continue across init, while the old pipeline's
+// worker may still take one as the new one starts.
+std::atomic<unsigned long> sNextToken{0};
 
 constexpr const char* kUnknownToken = "ProfileCache: token is not present or expired";
 
 }  // namespace
 
 unsigned long ProfileCache::generateToken() {
-    if (sNextToken == std::numeric_limits<unsigned long>::max()) {
-        KLOG(Fatal, "ProfileCache: token counter exhausted");
-        abort();
-    }
-    return sNextToken++;
+    unsigned long token = sNextToken.load();
+    do {
+        if (token == std::numeric_limits<unsigned long>::max()) {
+            KLOG(Fatal, "ProfileCache: token counter exhausted");
+            abort();
+        }
+    } while (!sNextToken.compare_exchange_weak(token, token + 1));
+    return token;
 }
 
 ProfileCache::ProfileCache(EventManager& eventManager, int subscription,
@@ -34,6 +39,11 @@ ProfileCache::ProfileCache(EventManager& eventManager, int subscription,
 }
 
 ProfileCache::~ProfileCache() {
+    clear();
+}
+
+void ProfileCache::clear() {
+    ++mGeneration;
     mPending.clear();
     mProfiles.clear();
 }
@@ -57,10 +67,12 @@ ProfileCache::ProfileMap::iterator ProfileCache::find(const ProfileKey& key,
 }
 
 void ProfileCache::expect(TechType techType, int profileId, ProfileChangedEvent event) {
+    ++mGeneration;
     mPending.push_back({techType, profileId, event});
 }
 
 bool ProfileCache::refresh() {
+    ++mGeneration;
     mProfiles.clear();
     for (auto& profile : mProxy.getAllProfiles()) {
         mProfiles.emplace(generateToken(), std::move(profile));
@@ -116,6 +128,7 @@ bool ProfileCache::modify(const ModifyProfileParams& params, std::shared_ptr<Pro
         return true;
     }
     if (mProxy.modify(*changes, profile->getTechType(), profile->getProfileId())) {
+        ++mGeneration;
         profile->apply(changes);
         KLOGI("Diff: %s", changes->dump().c_str());
         expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
@@ -138,6 +151,7 @@ bool ProfileCache::remove(std::shared_ptr<ProfileKey> key) {
     if (it->second) {
         expect(it->second->getTechType(), it->second->getProfileId(), ProfileChangedEvent::Delete);
     }
+    ++mGeneration;
     mProfiles.erase(it);
     return true;
 }
@@ -185,6 +199,7 @@ std::vector<std::string> ProfileCache::dump() const {
 }
 
 void ProfileCache::onIndication(ProfileChangedInd ind) {
+    ++mGeneration;
     KLOGI("ProfileCache: onIndication < %s", ind.dump().c_str());
     for (auto it = mPending.begin(); it != mPending.end(); ++it) {
         if (*it == ind) {

@@ -44,6 +44,10 @@ class ProfileCache {
     std::list<std::shared_ptr<IProfileKey>> filter(const FilterProfileParams& filter);
     bool match(const FilterProfileParams& filter, std::shared_ptr<ProfileKey> key);
     std::vector<std::string> dump() const;
+    // Changes with every change of what dump() shows (more often is harmless).
+    uint64_t generation() const { return mGeneration; }
+    // Drops every profile (their listeners run) and every pending echo.
+    void clear();
 
     // A modem announcement: an echo of an own operation is consumed, any
     // other change is folded in.
@@ -70,6 +74,7 @@ class ProfileCache {
     XalWdsProxy mProxy;
     ProfileMap mProfiles;
     std::list<ProfileChangedInd> mPending;  // echoes of own operations, oldest first
+    uint64_t mGeneration = 0;
 };
 
 }  // namespace kiv

@@ -1,8 +1,5 @@
 #include "XalWdsProxy.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -39,19 +36,15 @@ const char* messageName(unsigned int msgId) {
 
 // Empties an eventfd's counter; several signals collapse into one pass.
 void drain(int fd) {
-    uint64_t value;
-    while (read(fd, &value, sizeof(value)) > 0) {
-    }
-    if (errno != EAGAIN) KLOGE("Error while clearing the read buffer on fd %d", fd);
+    if (!EventFd::drain(fd)) KLOGE("Error while clearing the read buffer on fd %d", fd);
 }
 
-int createEventFd() {
-    const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (fd == -1) {
+void watch(EventManager& events, const EventFd& fd, EventCallback handler, void* proxy) {
+    if (!fd.valid()) {
         KLOGE("Cannot create eventfd instance");
         abort();
     }
-    return fd;
+    events.addEventHandler(fd.get(), handler, proxy, nullptr, EPOLLIN);
 }
 
 bool accepted(xal_client_error_type rc, const void* response) {
@@ -81,12 +74,9 @@ ProfileChangedEvent toProfileChangedEvent(int32_t modemEvent) {
 XalWdsProxy::XalWdsProxy(EventManager& eventManager, int subscription)
     : mEventManager(eventManager), mSubscription(subscription) {
     mServiceObject = wds_get_service_object_internal_v01(1, 0xF1, 6);
-    mSvcUpFd = createEventFd();
-    mEventManager.addEventHandler(mSvcUpFd, handleSvcUp, this, nullptr, EPOLLIN);
-    mErrorFd = createEventFd();
-    mEventManager.addEventHandler(mErrorFd, handleError, this, nullptr, EPOLLIN);
-    mIndFd = createEventFd();
-    mEventManager.addEventHandler(mIndFd, handleIndication, this, nullptr, EPOLLIN);
+    watch(mEventManager, mSvcUpFd, handleSvcUp, this);
+    watch(mEventManager, mErrorFd, handleError, this);
+    watch(mEventManager, mIndFd, handleIndication, this);
     registerXalSvcUp();
     mProfileChangedIndCb = [](ProfileChangedInd) {
         KLOGD("XalWdsProxy::no profileChangedIndCb registered!");
@@ -104,8 +94,8 @@ XalWdsProxy::~XalWdsProxy() {
         xal_client_release(mClient);
         mClient = nullptr;
     }
-    for (int fd : {mSvcUpFd, mErrorFd, mIndFd}) mEventManager.removeEventHandler(fd);
-    for (int fd : {mSvcUpFd, mErrorFd, mIndFd}) close(fd);
+    for (EventFd* fd : {&mSvcUpFd, &mErrorFd, &mIndFd}) mEventManager.removeEventHandler(fd->get());
+    for (EventFd* fd : {&mSvcUpFd, &mErrorFd, &mIndFd}) fd->reset();
 }
 
 void XalWdsProxy::registerProfileChangedInd(std::function<void(ProfileChangedInd)> callback) {
@@ -123,10 +113,9 @@ void XalWdsProxy::registerXalSvcUp() {
     xal_client_register_notify_cb(mNotifier, xalNotifyCb, this);
 }
 
-void XalWdsProxy::signal(int fd, const char* failureFormat) {
-    const uint64_t one = 1;
-    const ssize_t written = write(fd, &one, sizeof(one));
-    if (written != static_cast<ssize_t>(sizeof(one))) {
+void XalWdsProxy::signal(const EventFd& fd, const char* failureFormat) {
+    const ssize_t written = fd.signal();
+    if (written != static_cast<ssize_t>(sizeof(uint64_t))) {
         KLOGE(failureFormat, static_cast<int>(written), strerror(errno));
     }
 }
@@ -275,7 +264,7 @@ void XalWdsProxy::xalIndCb(xal_client_type userHandle, unsigned int msgId, void*
     info->indBuf = std::make_unique<uint8_t[]>(indBufLen);
     memcpy(info->indBuf.get(), indBuf, indBufLen);
     {
-        std::lock_guard<std::mutex> lock(proxy->mIndMutex);
+        MutexLock lock(proxy->mIndMutex);
         proxy->mIndQueue.push_back(std::move(info));
     }
     // On failure the record stays queued for the next signal.
@@ -292,7 +281,7 @@ void XalWdsProxy::handleIndication(int fd, void* arg) {
     for (;;) {
         std::unique_ptr<IndInfo_t> info;
         {
-            std::lock_guard<std::mutex> lock(proxy->mIndMutex);
+            MutexLock lock(proxy->mIndMutex);
             KLOGD("XalWdsProxy: handleIndication indQueue.size[%d]",
                   static_cast<int>(proxy->mIndQueue.size()));
             if (proxy->mIndQueue.empty()) return;

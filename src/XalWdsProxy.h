@@ -4,10 +4,11 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 
+#include "EventFd.h"
 #include "EventManager.h"
 #include "ModemProfile.h"
+#include "Mutex.h"
 #include "ProfileChangedInd.h"
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
@@ -68,7 +69,7 @@ class XalWdsProxy {
     // One synchronous request; true when the modem answered and accepted.
     bool send(unsigned int msgId, void* request, unsigned int requestLength, void* response,
               unsigned int responseLength);
-    static void signal(int fd, const char* failureFormat);
+    static void signal(const EventFd& fd, const char* failureFormat);
 
     EventManager& mEventManager;
     const int mSubscription;
@@ -77,12 +78,12 @@ class XalWdsProxy {
     xal_client_type mNotifier = nullptr;  // worker thread only
     xal_client_os_params mOsParams = {};
 
-    std::mutex mIndMutex;
-    std::deque<std::unique_ptr<IndInfo_t>> mIndQueue;  // guarded by mIndMutex
+    Mutex mIndMutex;
+    std::deque<std::unique_ptr<IndInfo_t>> mIndQueue GUARDED_BY(mIndMutex);
 
-    int mSvcUpFd = -1;
-    int mErrorFd = -1;
-    int mIndFd = -1;
+    EventFd mSvcUpFd;
+    EventFd mErrorFd;
+    EventFd mIndFd;
     std::function<void(ProfileChangedInd)> mProfileChangedIndCb;
 };
 

@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
 #include <random>
 #include <thread>
 
 #include "LibraryFixture.h"
+#include "Mutex.h"
 
 namespace kiv {
 namespace {
@@ -31,11 +31,11 @@ class CountingWriter : public LogWriter {
 class Mailbox {
   public:
     void put(std::shared_ptr<IProfileKey> key) {
-        std::lock_guard<std::mutex> lock(mLock);
+        kiv::MutexLock lock(mLock);
         mKeys.push_back(std::move(key));
     }
     std::shared_ptr<IProfileKey> take() {
-        std::lock_guard<std::mutex> lock(mLock);
+        kiv::MutexLock lock(mLock);
         if (mKeys.empty()) return nullptr;
         auto key = std::move(mKeys.back());
         mKeys.pop_back();
@@ -44,14 +44,14 @@ class Mailbox {
     void clear() {
         std::vector<std::shared_ptr<IProfileKey>> keys;
         {
-            std::lock_guard<std::mutex> lock(mLock);
+            kiv::MutexLock lock(mLock);
             keys.swap(mKeys);
         }
     }
 
   private:
-    std::mutex mLock;
-    std::vector<std::shared_ptr<IProfileKey>> mKeys;  // guarded by mLock
+    kiv::Mutex mLock;
+    std::vector<std::shared_ptr<IProfileKey>> mKeys GUARDED_BY(mLock);
 };
 
 class ConcurrencyFixture : public test::LibraryFixture {

@@ -2,9 +2,9 @@
 
 #include <atomic>
 #include <cstdio>
-#include <mutex>
 #include <thread>
 
+#include "Mutex.h"
 #include "SimModem.h"
 
 namespace {
@@ -18,10 +18,10 @@ SimModem& sim() {
 // A client of the simulated modem through the C interface, recording what
 // its callbacks see.
 struct Client {
-    std::mutex lock;
-    std::vector<int> notifications;                       // guarded by lock
-    std::vector<int> errors;                              // guarded by lock
-    std::vector<wds_profile_changed_ind_msg_v01> events;  // guarded by lock
+    kiv::Mutex lock;
+    std::vector<int> notifications GUARDED_BY(lock);
+    std::vector<int> errors GUARDED_BY(lock);
+    std::vector<wds_profile_changed_ind_msg_v01> events GUARDED_BY(lock);
     std::atomic<bool> calledOnCallerThread{false};
     std::thread::id caller = std::this_thread::get_id();
     xal_client_type handle = nullptr;
@@ -50,7 +50,7 @@ struct Client {
         return xal_client_send_msg_sync(handle, id, req, reqLen, resp, respLen, 1000);
     }
     std::vector<std::pair<int, int>> changes() {
-        std::lock_guard<std::mutex> guard(lock);
+        kiv::MutexLock guard(lock);
         std::vector<std::pair<int, int>> out;
         for (const auto& e : events) {
             out.emplace_back(e.profile_changed_ind.profile_index,
@@ -68,13 +68,13 @@ struct Client {
                          xal_client_notify_event_type event, void* data) {
         auto* self = static_cast<Client*>(data);
         self->check();
-        std::lock_guard<std::mutex> guard(self->lock);
+        kiv::MutexLock guard(self->lock);
         self->notifications.push_back(event);
     }
     static void onError(xal_client_type, xal_client_error_type error, void* data) {
         auto* self = static_cast<Client*>(data);
         self->check();
-        std::lock_guard<std::mutex> guard(self->lock);
+        kiv::MutexLock guard(self->lock);
         self->errors.push_back(error);
     }
     static void onIndication(xal_client_type handle, unsigned int msgId, void* buf,
@@ -84,7 +84,7 @@ struct Client {
         wds_profile_changed_ind_msg_v01 ind{};
         if (xal_client_message_decode(handle, XAL_IDL_INDICATION, msgId, buf, len, &ind,
                                       sizeof(ind)) == XAL_NO_ERR) {
-            std::lock_guard<std::mutex> guard(self->lock);
+            kiv::MutexLock guard(self->lock);
             self->events.push_back(ind);
         }
     }
@@ -169,7 +169,7 @@ TEST(SimModem_Service, RestartKeepsPersistentProfilesAndReportsOnEveryPromise) {
     client.watch();
     ASSERT_TRUE(sim().waitForCallbacks());
     {
-        std::lock_guard<std::mutex> guard(client.lock);
+        kiv::MutexLock guard(client.lock);
         EXPECT_EQ(client.notifications, std::vector<int>{XAL_CLIENT_SERVICE_COUNT_INC});
     }
     client.open();
@@ -185,7 +185,7 @@ TEST(SimModem_Service, RestartKeepsPersistentProfilesAndReportsOnEveryPromise) {
     EXPECT_EQ(client.send(0xAF, &bind, sizeof(bind), &resp, sizeof(resp)), XAL_SERVICE_ERR);
     ASSERT_TRUE(sim().waitForCallbacks());
     {
-        std::lock_guard<std::mutex> guard(client.lock);
+        kiv::MutexLock guard(client.lock);
         EXPECT_EQ(client.errors, std::vector<int>{XAL_SERVICE_ERR});
         EXPECT_EQ(client.notifications,
                   (std::vector<int>{XAL_CLIENT_SERVICE_COUNT_INC, XAL_CLIENT_SERVICE_COUNT_DEC,

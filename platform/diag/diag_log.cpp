@@ -3,16 +3,16 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
 
+#include "Mutex.h"
 #include "diag_host.h"
 
 namespace {
 
-std::mutex sSinkLock;
-diag_host_sink_fn sSink = nullptr;  // guarded by sSinkLock
-void* sSinkCtx = nullptr;           // guarded by sSinkLock
-int sInitCount = 0;                 // guarded by sSinkLock
+kiv::Mutex sSinkLock;
+diag_host_sink_fn sSink GUARDED_BY(sSinkLock) = nullptr;
+void* sSinkCtx GUARDED_BY(sSinkLock) = nullptr;
+int sInitCount GUARDED_BY(sSinkLock) = 0;
 
 constexpr size_t kMaxLine = 1024;
 
@@ -21,13 +21,13 @@ constexpr size_t kMaxLine = 1024;
 extern "C" {
 
 int Diag_LSM_Init(unsigned char* /*env*/) {
-    std::lock_guard<std::mutex> lock(sSinkLock);
+    kiv::MutexLock lock(sSinkLock);
     ++sInitCount;
     return 1;
 }
 
 int Diag_LSM_DeInit(void) {
-    std::lock_guard<std::mutex> lock(sSinkLock);
+    kiv::MutexLock lock(sSinkLock);
     if (sInitCount > 0) --sInitCount;
     return 1;
 }
@@ -42,7 +42,7 @@ void msg_sprintf(const msg_const_type* const_blk, ...) {
 
     // The sink runs under the lock so that a sink being removed is never
     // called afterwards; sinks must not log through this interface.
-    std::lock_guard<std::mutex> lock(sSinkLock);
+    kiv::MutexLock lock(sSinkLock);
     if (sSink != nullptr) {
         sSink(&const_blk->desc, line, sSinkCtx);
         return;
@@ -52,13 +52,13 @@ void msg_sprintf(const msg_const_type* const_blk, ...) {
 }
 
 void diag_host_set_sink(diag_host_sink_fn sink, void* ctx) {
-    std::lock_guard<std::mutex> lock(sSinkLock);
+    kiv::MutexLock lock(sSinkLock);
     sSink = sink;
     sSinkCtx = ctx;
 }
 
 int diag_host_init_count(void) {
-    std::lock_guard<std::mutex> lock(sSinkLock);
+    kiv::MutexLock lock(sSinkLock);
     return sInitCount;
 }
 

@@ -209,7 +209,9 @@ int ModemCore::createProfileLocked(int32_t type, const Settings& settings) {
     if (index < 0) return -1;
     Settings stored = settings;
     stored.resp = {};
-    const bool kept = commitLocked([&] { mTable[{type, static_cast<uint8_t>(index)}] = stored; });
+    const bool kept = commitLocked([&]() REQUIRES(mLock) {
+        mTable[{type, static_cast<uint8_t>(index)}] = stored;
+    });
     return kept ? index : -1;
 }
 
@@ -265,7 +267,7 @@ void ModemCore::serviceDownLocked() {
     // A restart keeps only what the modem stores persistently; the restart
     // happened even if the smaller table cannot be stored.
     commitLocked(
-            [this] {
+            [this]() REQUIRES(mLock) {
                 for (auto it = mTable.begin(); it != mTable.end();) {
                     const bool persistent = it->second.persistent_valid && it->second.persistent;
                     it = persistent ? std::next(it) : mTable.erase(it);
@@ -289,7 +291,7 @@ void ModemCore::serviceUpLocked() {
 xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const void* request,
                                        unsigned int requestLength, void* response,
                                        unsigned int responseLength, unsigned int timeoutMs) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     Client* client = findLocked(id);
     if (client == nullptr || client->released || client->role != ClientRole::kService) {
         return XAL_CLIENT_INVALID_CLNT;
@@ -316,7 +318,7 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
     }
 
     auto* header = static_cast<xal_response_type_v01*>(response);
-    auto fail = [&](uint32_t error) {
+    auto fail = [&](uint32_t error) REQUIRES(mLock) {
         header->result = 1;
         header->error = error;
         ++mCounters.failedRequests;
@@ -360,7 +362,8 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
             settings.persistent_valid = 1;
             settings.persistent = r.persistent_valid ? (r.persistent ? 1 : 0) : 1;
             const uint8_t slot = static_cast<uint8_t>(index);
-            if (!commitLocked([&] { mTable[{type, slot}] = settings; })) return fail(kErrStorage);
+            if (!commitLocked([&]() REQUIRES(mLock) { mTable[{type, slot}] = settings; }))
+                return fail(kErrStorage);
             auto* out = static_cast<wds_create_profile_resp_msg_v01*>(response);
             out->profile.profile_type = static_cast<wds_profile_type_enum_v01>(type);
             out->profile.profile_index = slot;
@@ -372,7 +375,8 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
             const auto r = readRecord<wds_modify_profile_settings_req_msg_v01>(request);
             auto it = mTable.find({r.profile.profile_type, r.profile.profile_index});
             if (it == mTable.end()) return fail(kErrInvalidProfile);
-            if (!commitLocked([&] { copyValidFields(it->second, r); })) return fail(kErrStorage);
+            if (!commitLocked([&]() REQUIRES(mLock) { copyValidFields(it->second, r); }))
+                return fail(kErrStorage);
             broadcastProfileChangedLocked(r.profile.profile_type, r.profile.profile_index,
                                           WDS_PROFILE_EVENT_MODIFY_V01);
             return XAL_NO_ERR;
@@ -381,7 +385,8 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
             const auto r = readRecord<wds_delete_profile_req_msg_v01>(request);
             const Slot slot{r.profile.profile_type, r.profile.profile_index};
             if (mTable.count(slot) == 0) return fail(kErrInvalidProfile);
-            if (!commitLocked([&] { mTable.erase(slot); })) return fail(kErrStorage);
+            if (!commitLocked([&]() REQUIRES(mLock) { mTable.erase(slot); }))
+                return fail(kErrStorage);
             broadcastProfileChangedLocked(slot.first, slot.second, WDS_PROFILE_EVENT_DELETE_V01);
             return XAL_NO_ERR;
         }
@@ -421,7 +426,7 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
 }
 
 void ModemCore::reset(const Config& config) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     mConfig = config;
     mConfig.capacity3gpp = std::clamp(mConfig.capacity3gpp, 0, kMaxCapacity3gpp);
     mConfig.capacity3gpp2 = std::clamp(mConfig.capacity3gpp2, 0, kMaxCapacity3gpp2);
@@ -439,17 +444,17 @@ void ModemCore::reset(const Config& config) {
 }
 
 Config ModemCore::config() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     return mConfig;
 }
 
 void ModemCore::setIndicationDelay(std::chrono::milliseconds delay) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     mConfig.indicationDelay = delay;
 }
 
 void ModemCore::setCommitHook(CommitHook hook) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     mCommit = std::move(hook);
 }
 
@@ -471,7 +476,7 @@ bool ModemCore::fitsLocked(const Table& table, std::string* error) const {
 }
 
 bool ModemCore::replaceTable(Table table, std::string* error) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     if (!fitsLocked(table, error)) return false;
     mTable = std::move(table);
     touchLocked();
@@ -479,32 +484,32 @@ bool ModemCore::replaceTable(Table table, std::string* error) {
 }
 
 bool ModemCore::restoreTable(const Table& table, std::string* error) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     if (!fitsLocked(table, error)) return false;
-    if (commitLocked([&] { mTable = table; })) return true;
+    if (commitLocked([&]() REQUIRES(mLock) { mTable = table; })) return true;
     if (error) *error = mLastCommitError;
     return false;
 }
 
 Table ModemCore::table() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     return mTable;
 }
 
 int ModemCore::seedProfile(wds_profile_type_enum_v01 type, const Settings& settings) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     return createProfileLocked(type, settings);
 }
 
 std::optional<Settings> ModemCore::getProfile(wds_profile_type_enum_v01 type, uint8_t index) const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     auto it = mTable.find({type, index});
     if (it == mTable.end()) return std::nullopt;
     return it->second;
 }
 
 std::vector<Profile> ModemCore::profiles() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     std::vector<Profile> result;
     for (const auto& [slot, settings] : mTable) {
         result.push_back(
@@ -514,12 +519,12 @@ std::vector<Profile> ModemCore::profiles() const {
 }
 
 void ModemCore::clearProfiles() {
-    std::lock_guard<std::mutex> guard(mLock);
-    commitLocked([this] { mTable.clear(); });
+    kiv::MutexLock guard(mLock);
+    commitLocked([this]() REQUIRES(mLock) { mTable.clear(); });
 }
 
 int ModemCore::externalCreate(wds_profile_type_enum_v01 type, const Settings& settings) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     const int index = createProfileLocked(type, settings);
     if (index < 0) return -1;
     broadcastProfileChangedLocked(type, static_cast<uint8_t>(index), WDS_PROFILE_EVENT_CREATE_V01);
@@ -529,24 +534,25 @@ int ModemCore::externalCreate(wds_profile_type_enum_v01 type, const Settings& se
 
 bool ModemCore::externalModify(wds_profile_type_enum_v01 type, uint8_t index,
                                const Settings& changes) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     auto it = mTable.find({type, index});
     if (it == mTable.end()) return false;
-    if (!commitLocked([&] { copyValidFields(it->second, changes); })) return false;
+    if (!commitLocked([&]() REQUIRES(mLock) { copyValidFields(it->second, changes); }))
+        return false;
     broadcastProfileChangedLocked(type, index, WDS_PROFILE_EVENT_MODIFY_V01);
     return true;
 }
 
 bool ModemCore::externalDelete(wds_profile_type_enum_v01 type, uint8_t index) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     if (mTable.count({type, index}) == 0) return false;
-    if (!commitLocked([&] { mTable.erase({type, index}); })) return false;
+    if (!commitLocked([&]() REQUIRES(mLock) { mTable.erase({type, index}); })) return false;
     broadcastProfileChangedLocked(type, index, WDS_PROFILE_EVENT_DELETE_V01);
     return true;
 }
 
 void ModemCore::sendProfileChanged(int32_t profileType, uint8_t index, int32_t rawEvent) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     broadcastProfileChangedLocked(profileType, index, rawEvent);
 }
 
@@ -571,19 +577,19 @@ void ModemCore::sendUndecodableIndication() {
 }
 
 void ModemCore::sendRawIndication(unsigned int msgId, std::vector<uint8_t> bytes) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     broadcastLocked(msgId, bytes);
 }
 
 void ModemCore::restart() {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     ++mCounters.restarts;
     serviceDownLocked();
     serviceUpLocked();
 }
 
 void ModemCore::setServiceUp(bool up) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     if (up) {
         serviceUpLocked();
     } else {
@@ -592,12 +598,12 @@ void ModemCore::setServiceUp(bool up) {
 }
 
 bool ModemCore::isServiceUp() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     return mServiceUp;
 }
 
 void ModemCore::failNext(unsigned int msgId, int count, int skip) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     if (count <= 0) {
         mFailures.erase(msgId);
     } else {
@@ -606,37 +612,37 @@ void ModemCore::failNext(unsigned int msgId, int count, int skip) {
 }
 
 void ModemCore::timeoutNext(unsigned int msgId, int count) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     mTimeouts[msgId] = count;
 }
 
 void ModemCore::failGetAnyService(int count) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     mGetAnyServiceFailures = count;
 }
 
 void ModemCore::failClientInit(int count) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     mClientInitFailures = count;
 }
 
 void ModemCore::corruptNextList(int count) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     mCorruptLists = count;
 }
 
 void ModemCore::corruptNextSettings(int count) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     mCorruptSettings = count;
 }
 
 void ModemCore::injectNextResponse(unsigned int msgId, std::vector<uint8_t> bytes) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     mInjectedResponses[msgId] = std::move(bytes);
 }
 
 xal_client_error_type ModemCore::openClient(ClientId id, ClientRole role, bool returning) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     if (role == ClientRole::kService) {
         if (consume(mClientInitFailures)) return XAL_INTERNAL_ERR;
         if (!mServiceUp) return XAL_SERVICE_ERR;
@@ -650,7 +656,7 @@ xal_client_error_type ModemCore::openClient(ClientId id, ClientRole role, bool r
 }
 
 void ModemCore::notifierRegistered(ClientId id) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     const Client* client = findLocked(id);
     if (client == nullptr || client->released || client->role != ClientRole::kNotifier) return;
     if (mServiceUp) {
@@ -659,7 +665,7 @@ void ModemCore::notifierRegistered(ClientId id) {
 }
 
 void ModemCore::releaseClient(ClientId id, bool forget) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     if (forget) {
         mClients.erase(id);
     } else if (Client* client = findLocked(id)) {
@@ -669,24 +675,24 @@ void ModemCore::releaseClient(ClientId id, bool forget) {
 }
 
 bool ModemCore::hasLostService(ClientId id) const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     const Client* client = findLocked(id);
     return client != nullptr && client->serviceLost;
 }
 
 xal_client_error_type ModemCore::probeService() {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     if (consume(mGetAnyServiceFailures)) return XAL_SERVICE_ERR;
     return mServiceUp ? XAL_NO_ERR : XAL_SERVICE_ERR;
 }
 
 bool ModemCore::takeServiceLoss() {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     return std::exchange(mServiceLoss, false);
 }
 
 void ModemCore::noteDelivered(Event::Kind kind) {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     switch (kind) {
         case Event::kNotify:
             ++mCounters.notifyCallbacks;
@@ -702,18 +708,18 @@ void ModemCore::noteDelivered(Event::Kind kind) {
 }
 
 std::vector<RecordedRequest> ModemCore::requests() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     return mRequests;
 }
 
 void ModemCore::clearRecordedRequests() {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     mRequests.clear();
     mRequests.shrink_to_fit();
 }
 
 std::vector<RecordedRequest> ModemCore::requests(ClientId client) const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     std::vector<RecordedRequest> result;
     for (const auto& request : mRequests) {
         if (request.client == client) result.push_back(request);
@@ -722,14 +728,14 @@ std::vector<RecordedRequest> ModemCore::requests(ClientId client) const {
 }
 
 size_t ModemCore::requestCount(unsigned int msgId) const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     size_t count = 0;
     for (const auto& request : mRequests) count += request.msgId == msgId;
     return count;
 }
 
 std::vector<ClientInfo> ModemCore::clients() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     std::vector<ClientInfo> result;
     for (const auto& [id, c] : mClients) {
         result.push_back({id, c.role == ClientRole::kNotifier, c.released, c.serviceLost,
@@ -739,25 +745,26 @@ std::vector<ClientInfo> ModemCore::clients() const {
 }
 
 Counters ModemCore::counters() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     return mCounters;
 }
 
 std::string ModemCore::lastCommitError() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     return mLastCommitError;
 }
 
 bool ModemCore::waitUntil(const std::function<bool()>& predicate,
                           std::chrono::milliseconds timeout) const {
     const auto deadline = Clock::now() + timeout;
-    std::unique_lock<std::mutex> guard(mLock);
+    kiv::MutexLock guard(mLock);
     for (;;) {
         const uint64_t seen = mGeneration;
         guard.unlock();
         if (predicate()) return true;
         guard.lock();
-        if (!mChanged.wait_until(guard, deadline, [&] { return mGeneration != seen; })) {
+        if (!guard.waitUntil(mChanged, deadline,
+                             [&]() REQUIRES(mLock) { return mGeneration != seen; })) {
             guard.unlock();
             return predicate();
         }

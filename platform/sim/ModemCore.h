@@ -13,11 +13,11 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "Mutex.h"
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
 
@@ -235,12 +235,11 @@ class ModemCore {
     bool waitUntil(const std::function<bool()>& predicate,
                    std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
-  protected:
-    // A change of state that observers may wait for; lock held.
-    void touchLocked();
-    mutable std::mutex mLock;
-
   private:
+    // A change of state that observers may wait for.
+    void touchLocked() REQUIRES(mLock);
+    mutable kiv::Mutex mLock;
+
     struct Client {
         ClientRole role;
         bool released = false;
@@ -256,17 +255,18 @@ class ModemCore {
 
     // Applies a change to the table and stores it. When it cannot be stored
     // the change is undone (unless `keepOnFailure`) and false returned.
-    bool commitLocked(const std::function<void()>& change, bool keepOnFailure = false);
-    bool fitsLocked(const Table& table, std::string* error) const;
-    int lowestFreeIndexLocked(int32_t type) const;
-    int createProfileLocked(int32_t type, const Settings& settings);
-    void postLocked(ClientId client, Event event, Clock::time_point due);
-    void broadcastLocked(unsigned int msgId, const std::vector<uint8_t>& payload);
-    void broadcastProfileChangedLocked(int32_t type, uint8_t index, int32_t event);
-    void serviceDownLocked();
-    void serviceUpLocked();
-    Client* findLocked(ClientId client);
-    const Client* findLocked(ClientId client) const;
+    bool commitLocked(const std::function<void()>& change, bool keepOnFailure = false)
+            REQUIRES(mLock);
+    bool fitsLocked(const Table& table, std::string* error) const REQUIRES(mLock);
+    int lowestFreeIndexLocked(int32_t type) const REQUIRES(mLock);
+    int createProfileLocked(int32_t type, const Settings& settings) REQUIRES(mLock);
+    void postLocked(ClientId client, Event event, Clock::time_point due) REQUIRES(mLock);
+    void broadcastLocked(unsigned int msgId, const std::vector<uint8_t>& payload) REQUIRES(mLock);
+    void broadcastProfileChangedLocked(int32_t type, uint8_t index, int32_t event) REQUIRES(mLock);
+    void serviceDownLocked() REQUIRES(mLock);
+    void serviceUpLocked() REQUIRES(mLock);
+    Client* findLocked(ClientId client) REQUIRES(mLock);
+    const Client* findLocked(ClientId client) const REQUIRES(mLock);
     static bool consume(std::map<unsigned int, int>& pending, unsigned int msgId);
     static bool consume(std::map<unsigned int, Failures>& pending, unsigned int msgId);
     static bool consume(int& pending);
@@ -274,25 +274,24 @@ class ModemCore {
     const EventSink mSink;
     // Signalled on every change: waiters re-check their conditions.
     mutable std::condition_variable mChanged;
-    uint64_t mGeneration = 0;  // guarded by mLock
+    uint64_t mGeneration GUARDED_BY(mLock) = 0;
 
-    // Everything below is guarded by mLock.
-    Config mConfig;
-    CommitHook mCommit;
-    std::string mLastCommitError;
-    bool mServiceUp = true;
-    bool mServiceLoss = false;
-    Table mTable;
-    std::map<ClientId, Client> mClients;
-    std::vector<RecordedRequest> mRequests;
-    Counters mCounters;
-    std::map<unsigned int, Failures> mFailures;
-    std::map<unsigned int, int> mTimeouts;
-    int mGetAnyServiceFailures = 0;
-    int mClientInitFailures = 0;
-    int mCorruptLists = 0;
-    int mCorruptSettings = 0;
-    std::map<unsigned int, std::vector<uint8_t>> mInjectedResponses;
+    Config mConfig GUARDED_BY(mLock);
+    CommitHook mCommit GUARDED_BY(mLock);
+    std::string mLastCommitError GUARDED_BY(mLock);
+    bool mServiceUp GUARDED_BY(mLock) = true;
+    bool mServiceLoss GUARDED_BY(mLock) = false;
+    Table mTable GUARDED_BY(mLock);
+    std::map<ClientId, Client> mClients GUARDED_BY(mLock);
+    std::vector<RecordedRequest> mRequests GUARDED_BY(mLock);
+    Counters mCounters GUARDED_BY(mLock);
+    std::map<unsigned int, Failures> mFailures GUARDED_BY(mLock);
+    std::map<unsigned int, int> mTimeouts GUARDED_BY(mLock);
+    int mGetAnyServiceFailures GUARDED_BY(mLock) = 0;
+    int mClientInitFailures GUARDED_BY(mLock) = 0;
+    int mCorruptLists GUARDED_BY(mLock) = 0;
+    int mCorruptSettings GUARDED_BY(mLock) = 0;
+    std::map<unsigned int, std::vector<uint8_t>> mInjectedResponses GUARDED_BY(mLock);
 };
 
 }  // namespace xalsim

@@ -1,6 +1,5 @@
 #include "SettingsJson.h"
 
-
 #include <cstring>
 #include <limits>
 #include <type_traits>

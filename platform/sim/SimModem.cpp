@@ -8,7 +8,7 @@ namespace xalsim {
 SimModem::Impl::Impl(ModemCore& core) : core(core), dispatcher([this] { runDispatcher(); }) {}
 
 void SimModem::Impl::queue(Task task) {
-    std::lock_guard<std::mutex> guard(lock);
+    kiv::MutexLock guard(lock);
     tasks.push_back(std::move(task));
     changed.notify_all();
 }
@@ -19,11 +19,11 @@ xal_client_struct* SimModem::Impl::find(xal_client_type handle) {
 }
 
 void SimModem::Impl::runDispatcher() {
-    std::unique_lock<std::mutex> guard(lock);
+    kiv::MutexLock guard(lock);
     for (;;) {
-        changed.wait(guard, [this] { return !tasks.empty(); });
+        guard.wait(changed, [this]() REQUIRES(lock) { return !tasks.empty(); });
         if (Clock::now() < tasks.front().due) {
-            changed.wait_until(guard, tasks.front().due);
+            guard.waitUntil(changed, tasks.front().due);
             continue;
         }
         Task task = std::move(tasks.front());
@@ -80,9 +80,28 @@ SimModem& SimModem::instance() {
 }
 
 bool SimModem::waitForCallbacks(std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> guard(mImpl->lock);
-    return mImpl->changed.wait_for(guard, timeout,
-                                   [this] { return mImpl->tasks.empty() && !mImpl->dispatching; });
+    kiv::MutexLock guard(mImpl->lock);
+    return guard.waitUntil(mImpl->changed, Clock::now() + timeout, [this]() REQUIRES(mImpl->lock) {
+        return mImpl->tasks.empty() && !mImpl->dispatching;
+    });
+}
+
+void SimModem::holdNextRequest(unsigned int msgId) {
+    kiv::MutexLock guard(mImpl->lock);
+    mImpl->holdMsgId = msgId;
+}
+
+bool SimModem::waitUntilHeld(std::chrono::milliseconds timeout) {
+    kiv::MutexLock guard(mImpl->lock);
+    return guard.waitUntil(mImpl->changed, Clock::now() + timeout,
+                           [this]() REQUIRES(mImpl->lock) { return mImpl->holding; });
+}
+
+void SimModem::releaseRequests() {
+    kiv::MutexLock guard(mImpl->lock);
+    mImpl->holdMsgId.reset();
+    mImpl->holding = false;
+    mImpl->changed.notify_all();
 }
 
 }  // namespace xalsim

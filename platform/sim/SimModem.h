@@ -24,6 +24,14 @@ class SimModem : public ModemCore {
     // Waits until every queued callback has run (true), or the time-out.
     bool waitForCallbacks(std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+    // The next request of msgId stops on its way into the modem, its caller
+    // blocked, until releaseRequests(): a test can see what happens while a
+    // request is in flight.
+    void holdNextRequest(unsigned int msgId);
+    // Waits until a request is held (true), or the time-out.
+    bool waitUntilHeld(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    void releaseRequests();
+
     struct Impl;
 
   private:

@@ -7,9 +7,9 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 
+#include "Mutex.h"
 #include "SimModem.h"
 
 struct xal_client_struct {
@@ -40,18 +40,21 @@ struct Task {
 struct SimModem::Impl {
     explicit Impl(ModemCore& core);
 
-    void queue(Task task);
-    void runDispatcher();
-    xal_client_struct* find(xal_client_type handle);  // lock held
+    void queue(Task task) EXCLUDES(lock);
+    void runDispatcher() EXCLUDES(lock);
+    xal_client_struct* find(xal_client_type handle) REQUIRES(lock);
 
     ModemCore& core;
-    std::mutex lock;
+    kiv::Mutex lock;
     std::condition_variable changed;  // tasks or dispatching changed
-    // Handles are never freed, so a released handle is never reused.
-    std::map<xal_client_type, std::unique_ptr<xal_client_struct>> handles;  // guarded by lock
-    std::deque<Task> tasks;                                                 // guarded by lock
-    bool dispatching = false;                                               // guarded by lock
-    xal_client_type dispatchingClient = nullptr;                            // guarded by lock
+    // Handles are never freed, so a released handle is never reused. Their
+    // fields are guarded by the lock too.
+    std::map<xal_client_type, std::unique_ptr<xal_client_struct>> handles GUARDED_BY(lock);
+    std::deque<Task> tasks GUARDED_BY(lock);
+    bool dispatching GUARDED_BY(lock) = false;
+    xal_client_type dispatchingClient GUARDED_BY(lock) = nullptr;
+    std::optional<unsigned int> holdMsgId GUARDED_BY(lock);
+    bool holding GUARDED_BY(lock) = false;
     std::thread dispatcher;
 };
 

@@ -30,7 +30,7 @@ namespace {
 
 xal_client_type newHandle(bool notifier) {
     auto& impl = Api::impl();
-    std::lock_guard<std::mutex> guard(impl.lock);
+    kiv::MutexLock guard(impl.lock);
     auto client = std::make_unique<xal_client_struct>();
     client->notifier = notifier;
     xal_client_type handle = client.get();
@@ -41,7 +41,7 @@ xal_client_type newHandle(bool notifier) {
 // The handle while it is open, else null; `notifier` as it must be, if given.
 xal_client_struct* openHandle(xal_client_type handle) {
     auto& impl = Api::impl();
-    std::lock_guard<std::mutex> guard(impl.lock);
+    kiv::MutexLock guard(impl.lock);
     xal_client_struct* client = impl.find(handle);
     return client == nullptr || client->released ? nullptr : client;
 }
@@ -72,7 +72,7 @@ xal_client_error_type xal_client_register_notify_cb(xal_client_type user_handle,
                                                     void* notify_cb_data) {
     {
         auto& impl = Api::impl();
-        std::lock_guard<std::mutex> guard(impl.lock);
+        kiv::MutexLock guard(impl.lock);
         xal_client_struct* client = impl.find(user_handle);
         if (client == nullptr || client->released || !client->notifier) {
             return XAL_CLIENT_INVALID_CLNT;
@@ -108,7 +108,7 @@ xal_client_error_type xal_client_init(xal_service_info* service_info,
     xal_client_type handle = newHandle(false);
     {
         auto& impl = Api::impl();
-        std::lock_guard<std::mutex> guard(impl.lock);
+        kiv::MutexLock guard(impl.lock);
         handle->indCb = ind_cb;
         handle->indData = ind_cb_data;
     }
@@ -117,7 +117,7 @@ xal_client_error_type xal_client_init(xal_service_info* service_info,
             modem.openClient(handle, ClientRole::kService, modem.takeServiceLoss());
     if (result != XAL_NO_ERR) {
         auto& impl = Api::impl();
-        std::lock_guard<std::mutex> guard(impl.lock);
+        kiv::MutexLock guard(impl.lock);
         handle->released = true;
         return result;
     }
@@ -129,7 +129,7 @@ xal_client_error_type xal_client_register_error_cb(xal_client_type user_handle,
                                                    xal_client_error_cb err_cb, void* err_cb_data) {
     {
         auto& impl = Api::impl();
-        std::lock_guard<std::mutex> guard(impl.lock);
+        kiv::MutexLock guard(impl.lock);
         xal_client_struct* client = impl.find(user_handle);
         if (client == nullptr || client->released || client->notifier) {
             return XAL_CLIENT_INVALID_CLNT;
@@ -156,6 +156,16 @@ xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsi
         resp_c_struct_len < sizeof(xal_response_type_v01)) {
         return XAL_CLIENT_PARAM_ERR;
     }
+    {
+        auto& impl = Api::impl();
+        kiv::MutexLock guard(impl.lock);
+        if (impl.holdMsgId == msg_id) {
+            impl.holdMsgId.reset();
+            impl.holding = true;
+            impl.changed.notify_all();
+            guard.wait(impl.changed, [&]() REQUIRES(impl.lock) { return !impl.holding; });
+        }
+    }
     return Api::modem().serve(user_handle, msg_id, req_c_struct, req_c_struct_len, resp_c_struct,
                               resp_c_struct_len, timeout_msecs);
 }
@@ -171,14 +181,14 @@ xal_client_error_type xal_client_message_decode(xal_client_type /*user_handle*/,
 xal_client_error_type xal_client_release(xal_client_type user_handle) {
     auto& impl = Api::impl();
     {
-        std::lock_guard<std::mutex> guard(impl.lock);
+        kiv::MutexLock guard(impl.lock);
         xal_client_struct* client = impl.find(user_handle);
         if (client == nullptr || client->released) return XAL_CLIENT_INVALID_CLNT;
         client->released = true;
     }
     // The modem raises no event for it from here on.
     Api::modem().releaseClient(user_handle);
-    std::unique_lock<std::mutex> guard(impl.lock);
+    kiv::MutexLock guard(impl.lock);
     for (auto it = impl.tasks.begin(); it != impl.tasks.end();) {
         it = it->client == user_handle ? impl.tasks.erase(it) : std::next(it);
     }
@@ -186,7 +196,7 @@ xal_client_error_type xal_client_release(xal_client_type user_handle) {
     // A callback of this client running on the dispatcher finishes first,
     // unless it is the caller itself.
     if (std::this_thread::get_id() != impl.dispatcher.get_id()) {
-        impl.changed.wait(guard, [&] {
+        guard.wait(impl.changed, [&]() REQUIRES(impl.lock) {
             return !(impl.dispatching && impl.dispatchingClient == user_handle);
         });
     }

@@ -1,5 +1,7 @@
 #include "CapturingLog.h"
 
+#include "Mutex.h"
+
 namespace kiv::test {
 
 namespace {
@@ -9,7 +11,7 @@ class CapturingWriter : public LogWriter {
     explicit CapturingWriter(std::shared_ptr<ScopedLogCapture::Store> store)
         : mStore(std::move(store)) {}
     void write(LogLevel level, std::string tag, std::string message) override {
-        std::lock_guard<std::mutex> lock(mStore->lock);
+        kiv::MutexLock lock(mStore->lock);
         mStore->lines.push_back({level, std::move(tag), std::move(message)});
     }
     int convertPrio(LogLevel level) override { return static_cast<int>(level); }
@@ -29,7 +31,7 @@ ScopedLogCapture::~ScopedLogCapture() {
 }
 
 std::vector<LogLine> ScopedLogCapture::lines() const {
-    std::lock_guard<std::mutex> lock(mStore->lock);
+    kiv::MutexLock lock(mStore->lock);
     return mStore->lines;
 }
 
@@ -46,7 +48,7 @@ size_t ScopedLogCapture::countContaining(const std::string& fragment) const {
 }
 
 void ScopedLogCapture::clear() {
-    std::lock_guard<std::mutex> lock(mStore->lock);
+    kiv::MutexLock lock(mStore->lock);
     mStore->lines.clear();
 }
 

@@ -3,11 +3,11 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "LogWrapper.h"
+#include "Mutex.h"
 
 namespace kiv::test {
 
@@ -33,8 +33,8 @@ class ScopedLogCapture {
     void clear();
 
     struct Store {
-        mutable std::mutex lock;
-        std::vector<LogLine> lines;  // guarded by lock
+        mutable kiv::Mutex lock;
+        std::vector<LogLine> lines GUARDED_BY(lock);
     };
 
   private:

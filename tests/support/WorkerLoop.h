@@ -2,25 +2,22 @@
 // lets a test run code on that thread and wait for it.
 #pragma once
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <condition_variable>
 #include <deque>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <thread>
 
+#include "EventFd.h"
 #include "EventManager.h"
+#include "Mutex.h"
 
 namespace kiv::test {
 
 class WorkerLoop {
   public:
     WorkerLoop() {
-        mCallFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-        mEvents.addEventHandler(mCallFd, onCall, this, nullptr, EPOLLIN);
+        mEvents.addEventHandler(mCallFd.get(), onCall, this, nullptr, EPOLLIN);
         mThread = std::thread([this] {
             while (mRunning) mEvents.processEvents();
         });
@@ -28,8 +25,7 @@ class WorkerLoop {
     ~WorkerLoop() {
         run([this] { mRunning = false; });
         mThread.join();
-        mEvents.removeEventHandler(mCallFd);
-        close(mCallFd);
+        mEvents.removeEventHandler(mCallFd.get());
     }
 
     EventManager& events() { return mEvents; }
@@ -67,11 +63,10 @@ class WorkerLoop {
   private:
     void post(std::function<void()> call) {
         {
-            std::lock_guard<std::mutex> lock(mLock);
+            kiv::MutexLock lock(mLock);
             mCalls.push_back(std::move(call));
         }
-        const uint64_t one = 1;
-        (void)!write(mCallFd, &one, sizeof(one));
+        mCallFd.signal();
     }
 
     // Runs only the calls posted before this pass: a call posted meanwhile
@@ -81,18 +76,18 @@ class WorkerLoop {
         EventManager::clearRead(fd, nullptr);
         std::deque<std::function<void()>> calls;
         {
-            std::lock_guard<std::mutex> lock(self->mLock);
+            kiv::MutexLock lock(self->mLock);
             calls.swap(self->mCalls);
         }
         for (auto& call : calls) call();
     }
 
     EventManager mEvents;
-    int mCallFd = -1;
+    EventFd mCallFd;
     bool mRunning = true;  // worker thread only
     std::thread mThread;
-    std::mutex mLock;
-    std::deque<std::function<void()>> mCalls;  // guarded by mLock
+    kiv::Mutex mLock;
+    std::deque<std::function<void()>> mCalls GUARDED_BY(mLock);
 };
 
 }  // namespace kiv::test

@@ -15,7 +15,6 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
@@ -26,6 +25,7 @@
 #include "ApnsConf.h"
 #include "Manager.h"
 #include "ModemServer.h"
+#include "Mutex.h"
 #include "ServiceControl.h"
 #include "SettingsJson.h"
 #include "StateFile.h"
@@ -1165,8 +1165,8 @@ class ChangeWatcher {
 
     // The next indication; none when the service went away.
     std::optional<Indication> next() {
-        std::unique_lock<std::mutex> guard(mLock);
-        mChanged.wait(guard, [this] { return !mQueue.empty() || mLost; });
+        kiv::MutexLock guard(mLock);
+        guard.wait(mChanged, [this]() REQUIRES(mLock) { return !mQueue.empty() || mLost; });
         if (mQueue.empty()) return std::nullopt;
         Indication indication = std::move(mQueue.front());
         mQueue.pop_front();
@@ -1198,23 +1198,23 @@ class ChangeWatcher {
                              void* data) {
         auto* self = static_cast<ChangeWatcher*>(data);
         const auto* bytes = static_cast<const uint8_t*>(buffer);
-        std::lock_guard<std::mutex> guard(self->mLock);
+        kiv::MutexLock guard(self->mLock);
         self->mQueue.push_back({msgId, std::vector<uint8_t>(bytes, bytes + length)});
         self->mChanged.notify_all();
     }
     static void onError(xal_client_type, xal_client_error_type, void* data) {
         auto* self = static_cast<ChangeWatcher*>(data);
-        std::lock_guard<std::mutex> guard(self->mLock);
+        kiv::MutexLock guard(self->mLock);
         self->mLost = true;
         self->mChanged.notify_all();
     }
 
     const std::chrono::milliseconds mTimeout;
     xal_client_type mClient = nullptr;
-    std::mutex mLock;
+    kiv::Mutex mLock;
     std::condition_variable mChanged;
-    std::deque<Indication> mQueue;  // guarded by mLock
-    bool mLost = false;             // guarded by mLock
+    std::deque<Indication> mQueue GUARDED_BY(mLock);
+    bool mLost GUARDED_BY(mLock) = false;
 };
 
 int Commands::watch(Args& args) {
