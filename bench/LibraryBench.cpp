@@ -19,12 +19,12 @@
 // for every number N read from standard input it makes N modifies (as B8)
 // and answers with the block's median and 99th percentile in microseconds.
 
+#include <android-base/unique_fd.h>
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <sched.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,9 +44,11 @@
 #include "AdbWriter.h"
 #include "ApnsConf.h"
 #include "BenchSupport.h"
+#include "EventFd.h"
 #include "LocalLogBuffer.h"
 #include "LogWrapper.h"
 #include "Manager.h"
+#include "Mutex.h"
 #include "SimModem.h"
 #include "Util.h"
 #include "diag_host.h"
@@ -144,32 +146,24 @@ std::shared_ptr<IProfileKey> firstKey() {
 
 class RawHandoff {
   public:
-    RawHandoff() {
-        mEpoll = epoll_create1(EPOLL_CLOEXEC);
-        mFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-        mStop = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-        for (int fd : {mFd, mStop}) {
+    RawHandoff() : mEpoll(epoll_create1(EPOLL_CLOEXEC)) {
+        for (const EventFd* fd : {&mFd, &mStop}) {
             epoll_event event{};
             event.events = EPOLLIN;
-            event.data.fd = fd;
-            epoll_ctl(mEpoll, EPOLL_CTL_ADD, fd, &event);
+            event.data.fd = fd->get();
+            epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, fd->get(), &event);
         }
         mWorker = std::thread([this] { serve(); });
     }
     ~RawHandoff() {
-        const uint64_t one = 1;
-        (void)!write(mStop, &one, sizeof(one));
+        mStop.signal();
         mWorker.join();
-        close(mFd);
-        close(mStop);
-        close(mEpoll);
     }
     int call(int value) {
-        std::unique_lock<std::mutex> lock(mLock);
-        const uint64_t one = 1;
-        (void)!write(mFd, &one, sizeof(one));
+        MutexLock lock(mLock);
+        mFd.signal();
         mRequest = value;
-        mCondition.wait(lock, [this] { return mResponse != 0; });
+        lock.wait(mCondition, [this]() REQUIRES(mLock) { return mResponse != 0; });
         const int response = mResponse;
         mResponse = 0;
         return response;
@@ -179,13 +173,11 @@ class RawHandoff {
     void serve() {
         epoll_event events[4];
         for (;;) {
-            const int n = epoll_wait(mEpoll, events, 4, -1);
+            const int n = epoll_wait(mEpoll.get(), events, 4, -1);
             for (int i = 0; i < n; ++i) {
-                if (events[i].data.fd == mStop) return;
-                uint64_t value;
-                while (read(mFd, &value, sizeof(value)) > 0) {
-                }
-                std::lock_guard<std::mutex> lock(mLock);
+                if (events[i].data.fd == mStop.get()) return;
+                mFd.drain();
+                MutexLock lock(mLock);
                 if (mRequest != 0) {
                     mResponse = mRequest + 1;
                     mRequest = 0;
@@ -195,11 +187,12 @@ class RawHandoff {
         }
     }
 
-    int mEpoll, mFd, mStop;
-    std::mutex mLock;
+    android::base::unique_fd mEpoll;
+    EventFd mFd, mStop;
+    Mutex mLock;
     std::condition_variable mCondition;
-    int mRequest = 0;   // guarded by mLock
-    int mResponse = 0;  // guarded by mLock
+    int mRequest GUARDED_BY(mLock) = 0;
+    int mResponse GUARDED_BY(mLock) = 0;
     std::thread mWorker;
 };
 
@@ -293,14 +286,11 @@ void B1_GetProfileFormattingAll(benchmark::State& state) {
 void B2_GetProfileAndroidLog(benchmark::State& state) {
     // The host's Android log writes to standard error: send it to /dev/null.
     fflush(stderr);
-    const int saved = dup(STDERR_FILENO);
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(null, STDERR_FILENO);
-    close(null);
+    const android::base::unique_fd saved(dup(STDERR_FILENO));
+    dup2(android::base::unique_fd(open("/dev/null", O_WRONLY | O_CLOEXEC)).get(), STDERR_FILENO);
     roundTrips(state, "B2", std::make_unique<AdbWriter>());
     fflush(stderr);
-    dup2(saved, STDERR_FILENO);
-    close(saved);
+    dup2(saved.get(), STDERR_FILENO);
 }
 
 // --- B3: concurrent clients ---------------------------------------------------

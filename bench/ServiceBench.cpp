@@ -198,7 +198,8 @@ int worker(int count) {
     for (int i = 0; i < count; ++i) {
         auto start = Clock::now();
         auto key = Manager::getInstance().addProfile(add);
-        latencies.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+        latencies.push_back(
+                std::chrono::duration<double, std::micro>(Clock::now() - start).count());
         if (!key) {
             std::cerr << "worker " << getpid() << ": add refused\n";
             return 1;
@@ -212,7 +213,8 @@ int worker(int count) {
                 deleted = Manager::getInstance().deleteProfile(again) || deleted;
             }
         }
-        latencies.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+        latencies.push_back(
+                std::chrono::duration<double, std::micro>(Clock::now() - start).count());
         if (!deleted) {
             std::cerr << "worker " << getpid() << ": delete of profile " << key->getProfileId()
                       << " refused\n";

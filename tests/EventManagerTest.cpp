@@ -1,6 +1,6 @@
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,18 +9,21 @@
 #include <vector>
 
 #include "CapturingLog.h"
+#include "EventFd.h"
 #include "EventManager.h"
 
 namespace kiv {
 namespace {
 
-int makeEventFd() {
-    return eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+// A descriptor the manager itself closes (on a hang-up, or when it is not
+// approved): the test must not close it again.
+int makeEventFdForTheManager() {
+    EventFd fd;
+    return dup(fd.get());
 }
 
 void signal(int fd) {
-    const uint64_t one = 1;
-    ASSERT_EQ(write(fd, &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
+    ASSERT_EQ(EventFd::signal(fd), static_cast<ssize_t>(sizeof(uint64_t)));
 }
 
 bool isOpen(int fd) {
@@ -41,7 +44,8 @@ TEST(EventManager_Registration, DuplicatesRefusedAndRemovalRunsCloseCallback) {
     test::ScopedLogCapture log;
     EventManager events;
     Counter first, second;
-    const int fd = makeEventFd();
+    EventFd owned;
+    const int fd = owned.get();
     ASSERT_TRUE(events.addEventHandler(fd, Counter::onReadable, &first, Counter::onClose, EPOLLIN));
     EXPECT_TRUE(EventManager::isApprovedFd(fd));
     EXPECT_FALSE(events.addEventHandler(fd, Counter::onReadable, &second, nullptr, EPOLLIN));
@@ -55,16 +59,14 @@ TEST(EventManager_Registration, DuplicatesRefusedAndRemovalRunsCloseCallback) {
     events.removeEventHandler(fd);
     EXPECT_EQ(first.calls, (std::vector<int>{fd, -fd}));
     EXPECT_FALSE(EventManager::isApprovedFd(fd));
-    EXPECT_TRUE(isOpen(fd));  // the owner closes it
-    close(fd);
+    EXPECT_TRUE(isOpen(fd));  // its owner closes it
 
     // A descriptor that was never added: epoll refuses, nothing else happens.
     log.clear();
-    const int stranger = makeEventFd();
-    events.removeEventHandler(stranger);
+    EventFd stranger;
+    events.removeEventHandler(stranger.get());
     EXPECT_TRUE(log.contains("Cannot remove event handler"));
-    EXPECT_FALSE(EventManager::isApprovedFd(stranger));
-    close(stranger);
+    EXPECT_FALSE(EventManager::isApprovedFd(stranger.get()));
 }
 
 TEST(EventManager_Dispatch, HangUpWinsAndAtMostFourEventsPerPass) {
@@ -75,8 +77,9 @@ TEST(EventManager_Dispatch, HangUpWinsAndAtMostFourEventsPerPass) {
     // A pipe whose writer is closed with data still in it: readable and hung up.
     int pipeFds[2];
     ASSERT_EQ(pipe2(pipeFds, O_NONBLOCK | O_CLOEXEC), 0);
-    ASSERT_EQ(write(pipeFds[1], "x", 1), 1);
-    close(pipeFds[1]);
+    android::base::unique_fd writer(pipeFds[1]);
+    ASSERT_EQ(write(writer.get(), "x", 1), 1);
+    writer.reset();
     events.addEventHandler(pipeFds[0], Counter::onReadable, &counter, Counter::onClose, EPOLLIN);
     events.processEvents();
     EXPECT_EQ(counter.calls, std::vector<int>{-pipeFds[0]});  // closed, never read
@@ -84,27 +87,23 @@ TEST(EventManager_Dispatch, HangUpWinsAndAtMostFourEventsPerPass) {
     EXPECT_TRUE(log.contains("file descriptor '" + std::to_string(pipeFds[0]) + "' sent HUP."));
 
     counter.calls.clear();
-    std::vector<int> fds;
-    for (int i = 0; i < 6; ++i) {
-        fds.push_back(makeEventFd());
-        events.addEventHandler(fds.back(), Counter::onReadable, &counter, nullptr, EPOLLIN);
-        signal(fds.back());
+    std::vector<EventFd> fds(6);
+    for (const auto& fd : fds) {
+        events.addEventHandler(fd.get(), Counter::onReadable, &counter, nullptr, EPOLLIN);
+        signal(fd.get());
     }
     events.processEvents();
     EXPECT_EQ(counter.calls.size(), 4u);
     events.processEvents();
     EXPECT_EQ(counter.calls.size(), 6u);
-    for (int fd : fds) {
-        events.removeEventHandler(fd);
-        close(fd);
-    }
+    for (const auto& fd : fds) events.removeEventHandler(fd.get());
 }
 
 TEST(EventManager_Dispatch, UnapprovedDescriptorIsRemovedAndClosed) {
     test::ScopedLogCapture log;
     EventManager events;
     Counter counter;
-    const int fd = makeEventFd();
+    const int fd = makeEventFdForTheManager();
     events.addEventHandler(fd, Counter::onReadable, &counter, nullptr, EPOLLIN);
     // Approval withdrawn behind the manager's back, as when a descriptor
     // number is closed and reused elsewhere.
@@ -123,14 +122,13 @@ TEST(EventManager_Wake, UnblocksWaitAndDrainsItsCounter) {
     events.wake();
     worker.join();  // returns only because the wake descriptor fired
 
-    const int fd = makeEventFd();
-    signal(fd);
-    signal(fd);
-    EventManager::clearRead(fd, nullptr);
+    EventFd fd;
+    signal(fd.get());
+    signal(fd.get());
+    EventManager::clearRead(fd.get(), nullptr);
     uint64_t value = 0;
-    EXPECT_EQ(read(fd, &value, sizeof(value)), -1);
+    EXPECT_EQ(read(fd.get(), &value, sizeof(value)), -1);
     EXPECT_EQ(errno, EAGAIN);
-    close(fd);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -16,10 +17,7 @@ int main(int argc, char** argv) {
     // the tool's own output is complete here and must stay machine-readable.
     std::cout.flush();
     fflush(stdout);
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null >= 0) {
-        dup2(null, STDOUT_FILENO);
-        close(null);
-    }
+    android::base::unique_fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    if (null.get() >= 0) dup2(null.get(), STDOUT_FILENO);
     return status;
 }
