@@ -16,7 +16,7 @@ using kivctl::ApnsConf;
 
 // Every carrier of a real APN database, applied one after another to one
 // simulated modem: nothing fails and the library's view stays the modem's.
-TEST(CarrierApns_AllCarriers, EveryCarrierAppliesCleanly) {
+TEST(CarrierApnsTest, AllCarriersEveryCarrierAppliesCleanly) {
     const std::string path = KIVR_SOURCE_DIR "/../shared/data/apns-conf.xml";
     if (!std::ifstream(path)) GTEST_SKIP() << path << " not present";
     const auto all = ApnsConf::read(path, std::nullopt);

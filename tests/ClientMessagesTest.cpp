@@ -13,7 +13,7 @@ std::shared_ptr<IProfileKey> makeKey(TechType tech, int id, unsigned long token)
     });
 }
 
-TEST(ClientRequest_Dump, EachRequestRendersItsPayload) {
+TEST(ClientRequestTest, DumpEachRequestRendersItsPayload) {
     auto key = makeKey(TechType::TECH_3GPP, 5, 12);
     ModifyProfileParams modify;
     modify.setApnName("ims");
@@ -32,7 +32,7 @@ TEST(ClientRequest_Dump, EachRequestRendersItsPayload) {
     EXPECT_EQ(ClientRequest(static_cast<ReqRespType>(9)).dump(), "9 ");
 }
 
-TEST(CallbackRequest_Parts, ReleaseWinsAndRegistrationNeedsAllThreeParts) {
+TEST(CallbackRequestTest, PartsReleaseWinsAndRegistrationNeedsAllThreeParts) {
     CallbackRequest empty;
     EXPECT_FALSE(empty.hasReleaseToken());
     EXPECT_FALSE(empty.hasExpirationInfo());
@@ -51,7 +51,7 @@ TEST(CallbackRequest_Parts, ReleaseWinsAndRegistrationNeedsAllThreeParts) {
     EXPECT_EQ(dangling.dump(), "Callback Register null8");
 }
 
-TEST(ClientResponse_Dump, StatusTextAndPayload) {
+TEST(ClientResponseTest, DumpStatusTextAndPayload) {
     auto key = makeKey(TechType::TECH_3GPP, 1, 2);
     EXPECT_EQ(AddResponse(Status::Success, key).dump(), "Add Success 3GPP:1 token=2");
     EXPECT_EQ(AddResponse(Status::Success, nullptr).dump(), "Add Success ");

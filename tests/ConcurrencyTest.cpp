@@ -153,7 +153,9 @@ class ConcurrencyFixture : public test::LibraryFixture {
     Mailbox mailbox;
 };
 
-TEST_F(ConcurrencyFixture, Manager_ManyClients_OwnAnswersAndNoTemporaryProfileLeft) {
+class ManagerConcurrencyTest : public ConcurrencyFixture {};
+
+TEST_F(ManagerConcurrencyTest, ManyClientsOwnAnswersAndNoTemporaryProfileLeft) {
     std::vector<std::thread> threads;
     for (int id = 0; id < kThreads; ++id) threads.emplace_back([this, id] { client(id); });
     for (auto& thread : threads) thread.join();

@@ -6,7 +6,7 @@
 namespace kiv {
 namespace {
 
-TEST(Conversions_ApnTypes, PermutationBothWaysDropsUnknownBits) {
+TEST(ConversionsTest, ApnTypesPermutationBothWaysDropsUnknownBits) {
     EXPECT_EQ(convertToXalApnTypeMask(0xFFF), 0xFFFu);
     EXPECT_EQ(convertToXalApnTypeMask(0x1000), 0u);
     EXPECT_EQ(convertToXalApnTypeMask(0x400), 0x800u);
@@ -25,7 +25,7 @@ TEST(Conversions_ApnTypes, PermutationBothWaysDropsUnknownBits) {
     }
 }
 
-TEST(Conversions_ModemToLibrary, UnknownValuesLoggedAndMapped) {
+TEST(ConversionsTest, ModemToLibraryUnknownValuesLoggedAndMapped) {
     test::ScopedLogCapture log;
     EXPECT_EQ(convertPdnType(WDS_PROFILE_PDN_TYPE_IPV4_IPV6_V01), IPType::V4V6);
     EXPECT_EQ(convertPdnType(WDS_PROFILE_PDN_TYPE_UNSPECIFIED_V01), IPType::UNKNOWN);
@@ -51,7 +51,7 @@ TEST(Conversions_ModemToLibrary, UnknownValuesLoggedAndMapped) {
               AuthType::NONE);
 }
 
-TEST(Conversions_LibraryToModem, LopsidedUnknownHandling) {
+TEST(ConversionsTest, LibraryToModemLopsidedUnknownHandling) {
     EXPECT_EQ(convertToXalCommonPdpType(IPType::UNKNOWN), 255);
     EXPECT_EQ(convertToXalCommonPdpType(static_cast<IPType>(7)),
               WDS_COMMON_PDP_TYPE_PDP_IPV4V6_V01);
@@ -73,7 +73,7 @@ TEST(Conversions_LibraryToModem, LopsidedUnknownHandling) {
               WDS_PROFILE_TYPE_3GPP_V01);
 }
 
-TEST(Conversions_Lower, OnlyAsciiLettersChange) {
+TEST(ConversionsTest, LowerOnlyAsciiLettersChange) {
     EXPECT_EQ(convertToLower("VzW-IMS.Mnc480.3GPPnetwork"), "vzw-ims.mnc480.3gppnetwork");
     EXPECT_EQ(convertToLower("\xC3\x89Z@[`{"), "\xC3\x89z@[`{");
     EXPECT_EQ(convertToLower(""), "");

@@ -40,7 +40,7 @@ struct Counter {
     static void onClose(int fd, void* data) { static_cast<Counter*>(data)->calls.push_back(-fd); }
 };
 
-TEST(EventManager_Registration, DuplicatesRefusedAndRemovalRunsCloseCallback) {
+TEST(EventManagerTest, RegistrationDuplicatesRefusedAndRemovalRunsCloseCallback) {
     test::ScopedLogCapture log;
     EventManager events;
     Counter first, second;
@@ -69,7 +69,7 @@ TEST(EventManager_Registration, DuplicatesRefusedAndRemovalRunsCloseCallback) {
     EXPECT_FALSE(EventManager::isApprovedFd(stranger.get()));
 }
 
-TEST(EventManager_Dispatch, HangUpWinsAndAtMostFourEventsPerPass) {
+TEST(EventManagerTest, DispatchHangUpWinsAndAtMostFourEventsPerPass) {
     test::ScopedLogCapture log;
     EventManager events;
     Counter counter;
@@ -99,7 +99,7 @@ TEST(EventManager_Dispatch, HangUpWinsAndAtMostFourEventsPerPass) {
     for (const auto& fd : fds) events.removeEventHandler(fd.get());
 }
 
-TEST(EventManager_Dispatch, UnapprovedDescriptorIsRemovedAndClosed) {
+TEST(EventManagerTest, DispatchUnapprovedDescriptorIsRemovedAndClosed) {
     test::ScopedLogCapture log;
     EventManager events;
     Counter counter;
@@ -116,7 +116,7 @@ TEST(EventManager_Dispatch, UnapprovedDescriptorIsRemovedAndClosed) {
                              " is not on the approved list, cannot process event"));
 }
 
-TEST(EventManager_Wake, UnblocksWaitAndDrainsItsCounter) {
+TEST(EventManagerTest, WakeUnblocksWaitAndDrainsItsCounter) {
     EventManager events;
     std::thread worker([&events] { events.processEvents(); });
     events.wake();

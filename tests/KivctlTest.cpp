@@ -49,7 +49,9 @@ class KivctlFixture : public testing::Test {
     std::string state;
 };
 
-TEST_F(KivctlFixture, Kivctl_FirstUse_SeedsTableThatPersists) {
+class KivctlTest : public KivctlFixture {};
+
+TEST_F(KivctlTest, FirstUseSeedsTableThatPersists) {
     auto r = kivctl({"list"});
     ASSERT_EQ(r.status, kOk) << r.err;
     EXPECT_EQ(lines(r.out), 5u);  // header and four profiles
@@ -74,7 +76,7 @@ TEST_F(KivctlFixture, Kivctl_FirstUse_SeedsTableThatPersists) {
     EXPECT_EQ(lines(r.out), 1u) << r.out;
 }
 
-TEST_F(KivctlFixture, Kivctl_ProfileCommands_ModifyFindDelete) {
+TEST_F(KivctlTest, ProfileCommandsModifyFindDelete) {
     ASSERT_EQ(kivctl({"add", "--apn", "data.example", "--ip", "v4"}).status, kOk);
     auto r = kivctl({"modify", "4", "--roam-ip", "v6", "--auth", "chap", "--user", "me"});
     ASSERT_EQ(r.status, kOk) << r.err;
@@ -97,7 +99,7 @@ TEST_F(KivctlFixture, Kivctl_ProfileCommands_ModifyFindDelete) {
     EXPECT_EQ(r.err, "kivctl: no profile 4 (3gpp)\n");
 }
 
-TEST_F(KivctlFixture, Kivctl_PolicyCommands_FindOrCreate) {
+TEST_F(KivctlTest, PolicyCommandsFindOrCreate) {
     auto r = kivctl({"attach", "--apn", "internet", "--ip", "v4"});
     ASSERT_EQ(r.status, kOk) << r.err;
     EXPECT_EQ(r.out, "attach profile: profile 1 (3gpp)\n");
@@ -118,7 +120,7 @@ TEST_F(KivctlFixture, Kivctl_PolicyCommands_FindOrCreate) {
     EXPECT_EQ(r.out, "emergency profile: profile 5 (3gpp)\n");
 }
 
-TEST_F(KivctlFixture, Kivctl_ApplyApns_ReportsUsedSkippedAndWarnings) {
+TEST_F(KivctlTest, ApplyApnsReportsUsedSkippedAndWarnings) {
     const std::string example = KIVR_SOURCE_DIR "/examples/apns-conf.xml";
     auto r = kivctl({"apply-apns", example, "--mcc", "001", "--mnc", "01"});
     ASSERT_EQ(r.status, kOk) << r.err;
@@ -144,7 +146,7 @@ TEST_F(KivctlFixture, Kivctl_ApplyApns_ReportsUsedSkippedAndWarnings) {
     remove(broken.c_str());
 }
 
-TEST_F(KivctlFixture, Kivctl_Shell_HandlesOutliveCommandsUntilDropped) {
+TEST_F(KivctlTest, ShellHandlesOutliveCommandsUntilDropped) {
     const auto r = kivctl({"shell"},
                           "add --temporary --apn t1\n"
                           "find --apn t1\n"
@@ -162,7 +164,7 @@ TEST_F(KivctlFixture, Kivctl_Shell_HandlesOutliveCommandsUntilDropped) {
     EXPECT_EQ(kivctl({"find", "--apn", "t1"}).out.find("t1"), std::string::npos);
 }
 
-TEST_F(KivctlFixture, Kivctl_BadInput_OneLineAndStateUntouched) {
+TEST_F(KivctlTest, BadInputOneLineAndStateUntouched) {
     ASSERT_EQ(kivctl({"list"}).status, kOk);
     const std::string before = readState();
     const std::vector<std::vector<std::string>> bad = {
@@ -201,7 +203,7 @@ TEST_F(KivctlFixture, Kivctl_BadInput_OneLineAndStateUntouched) {
     }
 }
 
-TEST_F(KivctlFixture, Kivctl_ModemRestart_KeepsPersistentProfiles) {
+TEST_F(KivctlTest, ModemRestartKeepsPersistentProfiles) {
     auto r = kivctl({"shell"},
                     "add --temporary --apn temp\n"
                     "add --apn kept\n"

@@ -21,7 +21,7 @@ struct DiagCapture {
     }
 };
 
-TEST(LogWrapper_Log, CutsAt511AndKeepsErrorsAndResults) {
+TEST(LogWrapperTest, LogCutsAt511AndKeepsErrorsAndResults) {
     auto& history = LocalLogBuffer::getInstance();
     history.flush();
     {
@@ -47,7 +47,7 @@ TEST(LogWrapper_Log, CutsAt511AndKeepsErrorsAndResults) {
     EXPECT_EQ(last.substr(last.size() - 512), "]" + std::string(511, 'x'));
 }
 
-TEST(LocalLogBuffer_Capacity, KeepsCapacityPlusOneNewestLines) {
+TEST(LocalLogBufferTest, CapacityKeepsCapacityPlusOneNewestLines) {
     auto& history = LocalLogBuffer::getInstance();
     EXPECT_EQ(history.getName(), "KIV");
     history.flush();
@@ -74,7 +74,7 @@ TEST(LocalLogBuffer_Capacity, KeepsCapacityPlusOneNewestLines) {
     EXPECT_EQ(line.substr(27), " [X]second");
 }
 
-TEST(AdbWriter_Write, PrioritiesAndAndroidLogOutput) {
+TEST(AdbWriterTest, WritePrioritiesAndAndroidLogOutput) {
     AdbWriter adb;
     const int expected[] = {2, 3, 4, 6, 7, 4, 4};
     for (uint32_t level = 0; level < 6; ++level) {
@@ -90,7 +90,7 @@ TEST(AdbWriter_Write, PrioritiesAndAndroidLogOutput) {
     EXPECT_NE(out.find("KIV"), std::string::npos);
 }
 
-TEST(DiagWriter_Write, DescriptorFixedByFirstMessage) {
+TEST(DiagWriterTest, WriteDescriptorFixedByFirstMessage) {
     DiagCapture diag;
     EXPECT_EQ(diag_host_init_count(), 0);
     {

@@ -21,7 +21,7 @@ size_t modemProfiles() {
     return xalsim::SimModem::instance().profiles().size();
 }
 
-TEST(Manager_BeforeInit, EveryOperationFailsWithoutARequest) {
+TEST(ManagerBeforeInitTest, EveryOperationFailsWithoutARequest) {
     test::ScopedLogCapture log;
     auto& manager = Manager::getInstance();
     auto key = std::make_shared<ProfileKey>(TechType::TECH_3GPP, 1, 0, nullptr);
@@ -40,7 +40,9 @@ TEST(Manager_BeforeInit, EveryOperationFailsWithoutARequest) {
     EXPECT_EQ(lines[1], "Logs:");
 }
 
-TEST_F(LibraryFixture, Manager_AddProfile_CreatesOnModemAndConsumesBothEchoes) {
+class ManagerTest : public LibraryFixture {};
+
+TEST_F(ManagerTest, AddProfileCreatesOnModemAndConsumesBothEchoes) {
     log->clear();
     const auto before = sim().requestCount(XAL_WDS_CREATE_PROFILE_REQ_V01);
     auto key = manager().addProfile(temporaryProfile("Temp.Example"));
@@ -76,7 +78,7 @@ TEST_F(LibraryFixture, Manager_AddProfile_CreatesOnModemAndConsumesBothEchoes) {
               3);
 }
 
-TEST_F(LibraryFixture, Manager_ProfileOperations_GetFilterMatchModifyDelete) {
+TEST_F(ManagerTest, ProfileOperationsGetFilterMatchModifyDelete) {
     auto key = manager().addProfile(temporaryProfile("temp"));
     ASSERT_TRUE(key);
     auto params = manager().getProfile(key);
@@ -126,7 +128,7 @@ TEST_F(LibraryFixture, Manager_ProfileOperations_GetFilterMatchModifyDelete) {
     EXPECT_EQ(log->count("ProfileCache: updating cache due to indication!"), 0u);
 }
 
-TEST_F(LibraryFixture, Manager_Release_LastKeyOfTemporaryLibraryProfileDeletesIt) {
+TEST_F(ManagerTest, ReleaseLastKeyOfTemporaryLibraryProfileDeletesIt) {
     auto key = manager().addProfile(temporaryProfile("temp"));
     ASSERT_TRUE(key);
     auto second = findOne(3);
@@ -158,7 +160,7 @@ TEST_F(LibraryFixture, Manager_Release_LastKeyOfTemporaryLibraryProfileDeletesIt
     EXPECT_TRUE(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, tempId));
 }
 
-TEST_F(LibraryFixture, Manager_Listeners_HearHeldProfilesLeaveWithoutDeadlock) {
+TEST_F(ManagerTest, ListenersHearHeldProfilesLeaveWithoutDeadlock) {
     auto key = manager().addProfile(temporaryProfile("temp"));
     ASSERT_TRUE(key);
     std::promise<void> heard;
@@ -180,7 +182,7 @@ TEST_F(LibraryFixture, Manager_Listeners_HearHeldProfilesLeaveWithoutDeadlock) {
     EXPECT_FALSE(manager().getProfile(key));
 }
 
-TEST_F(LibraryFixture, Manager_OutsideChanges_FoldedInAndRereadsVoidKeys) {
+TEST_F(ManagerTest, OutsideChangesFoldedInAndRereadsVoidKeys) {
     auto added = sim().externalCreate(
             WDS_PROFILE_TYPE_3GPP2_V01,
             xalsim::make3gpp2Settings("CDMA", WDS_PROFILE_PDN_TYPE_IPV4_V01, true));
@@ -212,7 +214,7 @@ TEST_F(LibraryFixture, Manager_OutsideChanges_FoldedInAndRereadsVoidKeys) {
     EXPECT_EQ(find(FilterProfileParams()).size(), 3u);
 }
 
-TEST_F(LibraryFixture, Manager_Refresh_BracketRefusesEveryOtherRequest) {
+TEST_F(ManagerTest, RefreshBracketRefusesEveryOtherRequest) {
     auto key = findOne(1);
     ASSERT_TRUE(key);
     manager().refresh(PDC_REFRESH_STARTED);
@@ -230,7 +232,7 @@ TEST_F(LibraryFixture, Manager_Refresh_BracketRefusesEveryOtherRequest) {
     EXPECT_EQ(find(FilterProfileParams()).size(), 2u);
 }
 
-TEST_F(LibraryFixture, Manager_InitTwice_OldKeysAreDroppedSafely) {
+TEST_F(ManagerTest, InitTwiceOldKeysAreDroppedSafely) {
     auto old = manager().addProfile(temporaryProfile("temp"));
     ASSERT_TRUE(old);
     startLibrary();
@@ -243,7 +245,7 @@ TEST_F(LibraryFixture, Manager_InitTwice_OldKeysAreDroppedSafely) {
     EXPECT_EQ(modemProfiles(), 3u);
 }
 
-TEST_F(LibraryFixture, Manager_ModemRestart_ReconnectsAndProfileReadyRereads) {
+TEST_F(ManagerTest, ModemRestartReconnectsAndProfileReadyRereads) {
     auto temp = manager().addProfile(temporaryProfile("temp"));
     ASSERT_TRUE(temp);
     sim().restart();

@@ -30,7 +30,7 @@ std::shared_ptr<IProfileKey> detachedKey() {
                                         [](auto) { return std::shared_ptr<ClientResponse>(); });
 }
 
-TEST(Modem3gppProfile_Requests, FieldsWrittenWithFlagsCutsAndIPFold) {
+TEST(Modem3gppProfileTest, RequestsFieldsWrittenWithFlagsCutsAndIPFold) {
     ProfileParams p;
     p.setApnName(std::string(200, 'A'));
     p.setUserName(std::string(130, 'u'));
@@ -91,7 +91,7 @@ TEST(Modem3gppProfile_Requests, FieldsWrittenWithFlagsCutsAndIPFold) {
     EXPECT_EQ(mod.max_pdn_conn_timer, 70000 & 0xFFFF);
 }
 
-TEST(Modem3gpp2Profile_Requests, CredentialsAndAuthWrittenTwice) {
+TEST(Modem3gpp2ProfileTest, RequestsCredentialsAndAuthWrittenTwice) {
     ProfileParams p;
     p.setApnName("CDMA.Net");
     p.setUserName("user");
@@ -134,7 +134,7 @@ TEST(Modem3gpp2Profile_Requests, CredentialsAndAuthWrittenTwice) {
     EXPECT_STREQ(mod.pdn_level_auth_password, "pw");
 }
 
-TEST(ModemProfile_Match, CommonCriteriaAndSubsetRules) {
+TEST(ModemProfileTest, MatchCommonCriteriaAndSubsetRules) {
     ProfileParams p;
     p.setApnName("VzW-IMS.example");
     p.setUserName("User");
@@ -204,7 +204,7 @@ TEST(ModemProfile_Match, CommonCriteriaAndSubsetRules) {
     })));
 }
 
-TEST(Modem3gppProfile_Match, IPTypesNamesAndExtras) {
+TEST(Modem3gppProfileTest, MatchIPTypesNamesAndExtras) {
     auto withHome = [](IPType home, uint32_t criteria) {
         FilterProfileParams f;
         f.setHomeIPType(home);
@@ -279,7 +279,7 @@ TEST(Modem3gppProfile_Match, IPTypesNamesAndExtras) {
     EXPECT_FALSE(throttled.match(f));
 }
 
-TEST(Modem3gpp2Profile_Match, ThreeGppOnlyConditionsNeverMatch) {
+TEST(Modem3gpp2ProfileTest, MatchThreeGppOnlyConditionsNeverMatch) {
     ProfileParams p;
     p.setApnName("cdma");
     Modem3gpp2Profile profile(p);
@@ -311,7 +311,7 @@ TEST(Modem3gpp2Profile_Match, ThreeGppOnlyConditionsNeverMatch) {
     EXPECT_TRUE(profile.match(home));
 }
 
-TEST(Modem3gppProfile_Diff, OnlyChangesWithIPFoldAndNameAsymmetry) {
+TEST(Modem3gppProfileTest, DiffOnlyChangesWithIPFoldAndNameAsymmetry) {
     ProfileParams p;
     p.setApnName("internet");
     p.setHomeIPType(IPType::V4);
@@ -378,7 +378,7 @@ TEST(Modem3gppProfile_Diff, OnlyChangesWithIPFoldAndNameAsymmetry) {
     EXPECT_EQ(typedProfile.diff(sameTypes), nullptr);
 }
 
-TEST(Modem3gpp2Profile_Diff, HomeTypeOnlyAndNoPasswordReadBack) {
+TEST(Modem3gpp2ProfileTest, DiffHomeTypeOnlyAndNoPasswordReadBack) {
     ProfileParams p;
     p.setHomeIPType(IPType::V4);
     p.setPassword("pw");
@@ -422,7 +422,7 @@ TEST(Modem3gpp2Profile_Diff, HomeTypeOnlyAndNoPasswordReadBack) {
               "CommonIPType=UNKNOWN,");
 }
 
-TEST(Modem3gppProfile_FromSettings, RoamingSentinelOverrideAndReadBack) {
+TEST(Modem3gppProfileTest, FromSettingsRoamingSentinelOverrideAndReadBack) {
     test::ScopedLogCapture log;
     auto r = emptySettings();
     r.profile_name_valid = 1;
@@ -485,7 +485,7 @@ TEST(Modem3gppProfile_FromSettings, RoamingSentinelOverrideAndReadBack) {
     EXPECT_FALSE(seen.getIsKivProfile());
 }
 
-TEST(ModemProfile_FromSettings, UnterminatedStringsReadWithinTheirArrays) {
+TEST(ModemProfileTest, FromSettingsUnterminatedStringsReadWithinTheirArrays) {
     auto r = emptySettings();
     r.profile_name_valid = r.apn_name_valid = r.username_valid = r.password_valid = 1;
     r.apn_string_valid = r.user_id_valid = 1;
@@ -524,7 +524,7 @@ TEST(ModemProfile_FromSettings, UnterminatedStringsReadWithinTheirArrays) {
     }
 }
 
-TEST(ModemProfile_Listeners, OnlyLiveHandlesHearTheProfileGo) {
+TEST(ModemProfileTest, ListenersOnlyLiveHandlesHearTheProfileGo) {
     test::ScopedLogCapture log;
     int aliveCalls = 0, goneCalls = 0;
     auto alive = detachedKey();

@@ -24,7 +24,7 @@ struct RequestRecorder {
     }
 };
 
-TEST(ProfileKey_Lifecycle, RegistrationAndDeathPostCallbackRequests) {
+TEST(ProfileKeyTest, LifecycleRegistrationAndDeathPostCallbackRequests) {
     test::ScopedLogCapture log;
     RequestRecorder recorder;
     int calls = 0;
@@ -53,7 +53,7 @@ TEST(ProfileKey_Lifecycle, RegistrationAndDeathPostCallbackRequests) {
     EXPECT_EQ(log.count("~ProfileKey"), 1u);
 }
 
-TEST(ProfileKey_Expired, TrueWhenHandleGoneOrNeverSet) {
+TEST(ProfileKeyTest, ExpiredTrueWhenHandleGoneOrNeverSet) {
     RequestRecorder recorder;
     EXPECT_TRUE(expired({[] {}, std::weak_ptr<IProfileKey>()}));
     auto key = std::make_shared<ProfileKey>(TechType::TECH_3GPP, 1, 0, recorder.function());
@@ -63,13 +63,13 @@ TEST(ProfileKey_Expired, TrueWhenHandleGoneOrNeverSet) {
     EXPECT_TRUE(expired(listener));
 }
 
-TEST(ProfileCache_Tokens, FreshProcessStartsAtZeroAndCounts) {
+TEST(ProfileCacheTest, TokensFreshProcessStartsAtZeroAndCounts) {
     EXPECT_EQ(ProfileCache::generateToken(), 0u);
     EXPECT_EQ(ProfileCache::generateToken(), 1u);
     EXPECT_EQ(ProfileCache::generateToken(), 2u);
 }
 
-TEST(ProfileChangedInd_Record, EqualityAndDump) {
+TEST(ProfileChangedIndTest, RecordEqualityAndDump) {
     ProfileChangedInd a{TechType::TECH_3GPP, 3, ProfileChangedEvent::Modify};
     ProfileChangedInd b = a;
     EXPECT_EQ(a, b);

@@ -14,7 +14,7 @@ std::string print(T value) {
     return os.str();
 }
 
-TEST(ProfileParams_Printers, KnownValuesByNameOthersByNumber) {
+TEST(ProfileParamsTest, PrintersKnownValuesByNameOthersByNumber) {
     EXPECT_EQ(print(static_cast<ApnTypes>(0)), "NONE");
     EXPECT_EQ(print(static_cast<ApnTypes>(0x41)), "DEFAULT|IMS|");
     EXPECT_EQ(print(static_cast<ApnTypes>(0x1000)), "");
@@ -34,7 +34,7 @@ TEST(ProfileParams_Printers, KnownValuesByNameOthersByNumber) {
     EXPECT_EQ(print(static_cast<IPType>(9)), "9");
 }
 
-TEST(ProfileParams_Dump, PresentFieldsInDumpOrder) {
+TEST(ProfileParamsTest, DumpPresentFieldsInDumpOrder) {
     ProfileParams empty;
     EXPECT_EQ(empty.dump(), "");
     EXPECT_FALSE(empty.getIsKivProfile());
@@ -63,7 +63,7 @@ TEST(ProfileParams_Dump, PresentFieldsInDumpOrder) {
               "IsEmergencySupported=false,");
 }
 
-TEST(ProfileParams_Copy, PresenceTravelsWithTheValues) {
+TEST(ProfileParamsTest, CopyPresenceTravelsWithTheValues) {
     ProfileParams source;
     source.setApnName("ims");
     ProfileParams target;
@@ -82,7 +82,7 @@ TEST(ProfileParams_Copy, PresenceTravelsWithTheValues) {
     EXPECT_EQ(filter.dump(), "None: id=4,ApnName=ims,");
 }
 
-TEST(AddProfileParams_Construct, InitialAttachFlagAlwaysFromArgument) {
+TEST(AddProfileParamsTest, ConstructInitialAttachFlagAlwaysFromArgument) {
     AddProfileParams bare(true, TechType::TECH_3GPP, true);
     EXPECT_TRUE(bare.getIsIAProfile());
     EXPECT_FALSE(bare.getIsKivProfile());
@@ -99,7 +99,7 @@ TEST(AddProfileParams_Construct, InitialAttachFlagAlwaysFromArgument) {
     EXPECT_EQ(copied.dump(), "5 persist=false: ApnName=ia,IsKivProfile=true,IsIAProfile=false,");
 }
 
-TEST(FilterProfileParams_Criteria, MaskAndDumpIndependentOfOrder) {
+TEST(FilterProfileParamsTest, CriteriaMaskAndDumpIndependentOfOrder) {
     FilterProfileParams f;
     EXPECT_EQ(f.dump(), "None: ");
     f.addFilterMatchCriteria(RoamIPSuperset);

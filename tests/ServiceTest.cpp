@@ -126,7 +126,9 @@ class ServiceFixture : public testing::Test {
     std::unique_ptr<test::ScopedLogCapture> log;
 };
 
-TEST_F(ServiceFixture, Service_TwentyConcurrentAdds_DistinctProfilesInEitherMode) {
+class ServiceTest : public ServiceFixture {};
+
+TEST_F(ServiceTest, TwentyConcurrentAddsDistinctProfilesInEitherMode) {
     for (const bool shared : {true, false}) {
         if (shared) startDaemon();
         std::vector<std::unique_ptr<Subprocess>> runs;
@@ -163,7 +165,7 @@ TEST_F(ServiceFixture, Service_TwentyConcurrentAdds_DistinctProfilesInEitherMode
     }
 }
 
-TEST_F(ServiceFixture, Service_OtherProcessChanges_ArriveAsForeignChanges) {
+TEST_F(ServiceTest, OtherProcessChangesArriveAsForeignChanges) {
     startDaemon();
     startLibrary();
     ASSERT_TRUE(byApn("elsewhere").empty());
@@ -199,7 +201,7 @@ TEST_F(ServiceFixture, Service_OtherProcessChanges_ArriveAsForeignChanges) {
     EXPECT_NE(watched.out.find("\"apn_name\":\"from.here\""), std::string::npos);
 }
 
-TEST_F(ServiceFixture, Service_ClientKilledInARequest_ServiceGoesOnServingOthers) {
+TEST_F(ServiceTest, ClientKilledInARequestServiceGoesOnServingOthers) {
     startDaemon({"--latency", "50"});
     Subprocess victim(
             command(KIVCTL_PATH, {"--modem", socket, "--timeout", "60000", "add", "--apn", "x"}),
@@ -219,7 +221,7 @@ TEST_F(ServiceFixture, Service_ClientKilledInARequest_ServiceGoesOnServingOthers
     EXPECT_EQ(control({{"op", "status"}}).value("serviceUp", false), true);
 }
 
-TEST_F(ServiceFixture, Service_DaemonRestartedUnderLiveClients_LibraryRecovers) {
+TEST_F(ServiceTest, DaemonRestartedUnderLiveClientsLibraryRecovers) {
     startDaemon();
     startLibrary();
     auto kept = add("kept", true);
@@ -250,7 +252,7 @@ TEST_F(ServiceFixture, Service_DaemonRestartedUnderLiveClients_LibraryRecovers) 
     EXPECT_EQ(again->getProfileId(), 5);
 }
 
-TEST_F(ServiceFixture, Service_TimeOut_NoAnswerWithinItIsATimeOut) {
+TEST_F(ServiceTest, TimeOutNoAnswerWithinItIsATimeOut) {
     startDaemon({"--latency", "300"});
     xal_idl_service_object_type service = wds_get_service_object_internal_v01(1, 0xF1, 6);
     xal_service_info info{};
@@ -282,7 +284,7 @@ TEST_F(ServiceFixture, Service_TimeOut_NoAnswerWithinItIsATimeOut) {
     EXPECT_EQ(xal_client_release(client), XAL_CLIENT_INVALID_CLNT);
 }
 
-TEST_F(ServiceFixture, Service_Daemon_RefusesWhatItCannotServeAndStopsCleanly) {
+TEST_F(ServiceTest, DaemonRefusesWhatItCannotServeAndStopsCleanly) {
     startDaemon();
     struct stat info {};
     ASSERT_EQ(stat(socket.c_str(), &info), 0);
@@ -336,7 +338,9 @@ TEST_F(ServiceFixture, Service_Daemon_RefusesWhatItCannotServeAndStopsCleanly) {
 }
 
 // kivctl's embedded modem on a state file, run as a user runs it.
-TEST_F(ServiceFixture, Kivctl_StateFileFaults_NothingLostNothingCorruptNoFalseSuccess) {
+class KivctlTest : public ServiceFixture {};
+
+TEST_F(KivctlTest, StateFileFaultsNothingLostNothingCorruptNoFalseSuccess) {
     auto embedded = [&](std::vector<std::string> args, const Subprocess::Options& options = {}) {
         args.insert(args.begin(), {"--modem-state", state});
         return Subprocess::run(command(KIVCTL_PATH, args), "", options);

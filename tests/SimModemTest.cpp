@@ -90,7 +90,7 @@ struct Client {
     }
 };
 
-TEST(SimModem_ProfileService, IndexesCapacityEchoesAndBadRequests) {
+TEST(SimModemTest, ProfileServiceIndexesCapacityEchoesAndBadRequests) {
     xalsim::Config config;
     config.capacity3gpp = 2;
     sim().reset(config);
@@ -158,7 +158,7 @@ TEST(SimModem_ProfileService, IndexesCapacityEchoesAndBadRequests) {
     xal_client_release(client.handle);
 }
 
-TEST(SimModem_Service, RestartKeepsPersistentProfilesAndReportsOnEveryPromise) {
+TEST(SimModemTest, ServiceRestartKeepsPersistentProfilesAndReportsOnEveryPromise) {
     sim().reset();
     sim().seedProfile(WDS_PROFILE_TYPE_3GPP_V01,
                       xalsim::make3gppSettings("keep", "keep", WDS_PDP_TYPE_PDP_IPV4_V01, 1, true));
@@ -208,7 +208,7 @@ TEST(SimModem_Service, RestartKeepsPersistentProfilesAndReportsOnEveryPromise) {
     EXPECT_EQ(wds_get_service_object_internal_v01(2, 0, 0), nullptr);
 }
 
-TEST(SimModem_Decode, RejectsMalformedBuffers) {
+TEST(SimModemTest, DecodeRejectsMalformedBuffers) {
     wds_profile_changed_ind_msg_v01 out{};
     const uint8_t good[] = {'K', 'V', 1, 1, 0x10, 9, 0, 1, 0, 0, 0, 101, 3, 0, 0, 0};
     ASSERT_EQ(xal_client_message_decode(nullptr, XAL_IDL_INDICATION, 0xA8, good, sizeof(good), &out,

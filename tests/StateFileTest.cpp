@@ -87,7 +87,9 @@ bool sameTables(const Table& a, const Table& b) {
     return true;
 }
 
-TEST_F(StateFileFixture, StateFile_SaveThenLoad_GivesTheSameTableAndBytes) {
+class StateFileTest : public StateFileFixture {};
+
+TEST_F(StateFileTest, SaveThenLoadGivesTheSameTableAndBytes) {
     const Table table = everyKindOfField();
     StateFile state = open();
     EXPECT_FALSE(state.exists());
@@ -112,7 +114,7 @@ TEST_F(StateFileFixture, StateFile_SaveThenLoad_GivesTheSameTableAndBytes) {
     EXPECT_EQ(loaded->at({WDS_PROFILE_TYPE_3GPP2_V01, 101}).pdn_type, 2);
 }
 
-TEST_F(StateFileFixture, StateFile_DamagedFiles_AreRefusedWithTheReason) {
+TEST_F(StateFileTest, DamagedFilesAreRefusedWithTheReason) {
     // A file cut anywhere, at a line boundary too, is not loaded as a smaller table.
     const std::string whole = StateFile::serialize(xalsim::factoryTable());
     for (size_t cut = whole.find('\n'); cut + 2 < whole.size(); cut = whole.find('\n', cut + 1)) {
@@ -157,7 +159,7 @@ TEST_F(StateFileFixture, StateFile_DamagedFiles_AreRefusedWithTheReason) {
     EXPECT_TRUE(modem.profiles().empty());
 }
 
-TEST_F(StateFileFixture, StateFile_Save_PrivateAtomicKeepsModeAndFollowsTheLink) {
+TEST_F(StateFileTest, SavePrivateAtomicKeepsModeAndFollowsTheLink) {
     StateFile state = open();
     ASSERT_TRUE(state.save(xalsim::factoryTable()).ok());
     EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
@@ -181,7 +183,7 @@ TEST_F(StateFileFixture, StateFile_Save_PrivateAtomicKeepsModeAndFollowsTheLink)
             << linked.error().message();
 }
 
-TEST_F(StateFileFixture, StateFile_FailedSave_ReportsWhyAndKeepsTheOldFile) {
+TEST_F(StateFileTest, FailedSaveReportsWhyAndKeepsTheOldFile) {
     {
         StateFile state = open();
         ASSERT_TRUE(state.save(xalsim::factoryTable()).ok());
@@ -227,7 +229,7 @@ TEST_F(StateFileFixture, StateFile_FailedSave_ReportsWhyAndKeepsTheOldFile) {
     EXPECT_NE(nowhere.error().message().find("No such file or directory"), std::string::npos);
 }
 
-TEST_F(StateFileFixture, StateFile_Lock_ServiceRefusedAtOnceToolAfterItsWait) {
+TEST_F(StateFileTest, LockServiceRefusedAtOnceToolAfterItsWait) {
     std::optional<StateFile> daemon = open("kivmodemd");
     // However long it would wait, a service never lets go.
     const auto started = std::chrono::steady_clock::now();
@@ -242,7 +244,7 @@ TEST_F(StateFileFixture, StateFile_Lock_ServiceRefusedAtOnceToolAfterItsWait) {
     EXPECT_TRUE(tool.ok()) << tool.error().message();
 }
 
-TEST(ModemCore_Commit, UnstoredChangeIsUndoneAndAnnouncedToNobody) {
+TEST(ModemCoreTest, CommitUnstoredChangeIsUndoneAndAnnouncedToNobody) {
     std::vector<xalsim::Event> events;
     xalsim::ModemCore modem([&](xalsim::ClientId, xalsim::Event event, xalsim::Clock::time_point) {
         events.push_back(event);

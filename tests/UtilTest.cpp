@@ -35,7 +35,9 @@ class UtilFixture : public test::LibraryFixture {
     Util util;
 };
 
-TEST_F(UtilFixture, Util_LteAttach_ExactAndLooseMatchesAreOverwritten) {
+class UtilTest : public UtilFixture {};
+
+TEST_F(UtilTest, LteAttachExactAndLooseMatchesAreOverwritten) {
     // Exact: the modem's own profile, overwritten with the caller's credentials.
     ProfileParams params = apn("INTERNET", IPType::V4V6);
     params.setUserName("user");
@@ -67,7 +69,7 @@ TEST_F(UtilFixture, Util_LteAttach_ExactAndLooseMatchesAreOverwritten) {
     EXPECT_EQ(sim().profiles().size(), 2u);
 }
 
-TEST_F(UtilFixture, Util_LteAttach_LibraryProfilesSkippedReusedOrCreated) {
+TEST_F(UtilTest, LteAttachLibraryProfilesSkippedReusedOrCreated) {
     // A library data profile that matches exactly is never chosen: one
     // persistent attach profile is created instead.
     AddProfileParams data(false, TechType::TECH_3GPP, false);
@@ -106,7 +108,7 @@ TEST_F(UtilFixture, Util_LteAttach_LibraryProfilesSkippedReusedOrCreated) {
     EXPECT_EQ(sim().profiles().size(), 4u);
 }
 
-TEST_F(UtilFixture, Util_MatchLteAttachProfileId_RelaxedOnlyForModemProfiles) {
+TEST_F(UtilTest, MatchLteAttachProfileIdRelaxedOnlyForModemProfiles) {
     EXPECT_TRUE(util.matchLteAttachProfileId(1, apn("internet", IPType::V4)));
     EXPECT_TRUE(log->contains("kiv matchLteAttachList < 1"));
     EXPECT_FALSE(util.matchLteAttachProfileId(1, apn("other")));
@@ -125,7 +127,7 @@ TEST_F(UtilFixture, Util_MatchLteAttachProfileId_RelaxedOnlyForModemProfiles) {
                           "be used for attach"));
 }
 
-TEST_F(UtilFixture, Util_SetupDataCall_SearchesThenCreatesTemporary) {
+TEST_F(UtilTest, SetupDataCallSearchesThenCreatesTemporary) {
     // Not allowed: home V4 has no exact match; the relaxed search finds V4V6.
     auto key = util.findOrCreateProfileForSetupDataCall(TechType::TECH_3GPP,
                                                         apn("internet", IPType::V4));
@@ -165,7 +167,7 @@ TEST_F(UtilFixture, Util_SetupDataCall_SearchesThenCreatesTemporary) {
     EXPECT_STREQ(modem(1).password, "secret");
 }
 
-TEST_F(UtilFixture, Util_EmergencyDataCall_ByNameBySupportOrCreatedPersistent) {
+TEST_F(UtilTest, EmergencyDataCallByNameBySupportOrCreatedPersistent) {
     ProfileParams params = apn("sos");
     params.setApnTypesMask(APN_TYPE_DEFAULT);
     auto key = util.findOrCreateProfileForEmergencyDataCall(params);
@@ -192,7 +194,7 @@ TEST_F(UtilFixture, Util_EmergencyDataCall_ByNameBySupportOrCreatedPersistent) {
     EXPECT_EQ(sim().profiles().size(), 3u);
 }
 
-TEST_F(UtilFixture, Util_ApnClass_ModifiesEveryMatchOrCreatesOnePersistent) {
+TEST_F(UtilTest, ApnClassModifiesEveryMatchOrCreatesOnePersistent) {
     auto inet = xalsim::make3gppSettings("second", "second", WDS_PDP_TYPE_PDP_IPV4_V01, 1, true);
     inet.apn_class_valid = 1;
     inet.apn_class = static_cast<uint8_t>(ApnClass::INET);
@@ -215,7 +217,7 @@ TEST_F(UtilFixture, Util_ApnClass_ModifiesEveryMatchOrCreatesOnePersistent) {
     EXPECT_TRUE(log->contains("kiv updateModemProfileByApnClass < OK"));
 }
 
-TEST_F(UtilFixture, Util_ApnTypes_MergedPerNameAndFallBackAcrossIPFamilies) {
+TEST_F(UtilTest, ApnTypesMergedPerNameAndFallBackAcrossIPFamilies) {
     auto record = [](const std::string& name, std::optional<uint32_t> mask,
                      std::optional<IPType> home) {
         ProfileParams params = apn(name, home);
@@ -259,7 +261,7 @@ TEST_F(UtilFixture, Util_ApnTypes_MergedPerNameAndFallBackAcrossIPFamilies) {
     EXPECT_EQ(modem(2).apn_type_mask, modemMask(APN_TYPE_IMS | APN_TYPE_XCAP | APN_TYPE_MMS));
 }
 
-TEST_F(UtilFixture, Util_UpdateByTechType_ZeroMasksSendNothing) {
+TEST_F(UtilTest, UpdateByTechTypeZeroMasksSendNothing) {
     const auto modifies = sim().requestCount(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01);
     util.handleProfileUpdateByTechType(TechType::TECH_3GPP, 0, 0, 0, "internet");
     EXPECT_EQ(sim().requestCount(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01), modifies);

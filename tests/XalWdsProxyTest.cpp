@@ -66,7 +66,9 @@ class ProxyFixture : public testing::Test {
     std::vector<ProfileChangedInd> mIndications;  // worker thread
 };
 
-TEST_F(ProxyFixture, XalWdsProxy_Connect_SendsThreeRegistrationsByteForByte) {
+class XalWdsProxyTest : public ProxyFixture {};
+
+TEST_F(XalWdsProxyTest, ConnectSendsThreeRegistrationsByteForByte) {
     auto requests = sim().requests(serviceClient());
     ASSERT_EQ(requests.size(), 3u);
 
@@ -102,7 +104,7 @@ TEST_F(ProxyFixture, XalWdsProxy_Connect_SendsThreeRegistrationsByteForByte) {
     EXPECT_TRUE(log.contains("XalWdsProxy config register request successful!"));
 }
 
-TEST_F(ProxyFixture, XalWdsProxy_ServiceUpSignals_CollapseAndSkipAnOpenClient) {
+TEST_F(XalWdsProxyTest, ServiceUpSignalsCollapseAndSkipAnOpenClient) {
     log.clear();
     auto release = loop.hold();
     XalWdsProxy::xalNotifyCb(nullptr, nullptr, XAL_CLIENT_SERVICE_COUNT_INC, mProxy.get());
@@ -118,7 +120,7 @@ TEST_F(ProxyFixture, XalWdsProxy_ServiceUpSignals_CollapseAndSkipAnOpenClient) {
     EXPECT_EQ(sim().requestCount(XAL_WDS_BIND_SUBSCRIPTION_REQ_V01), 1u);
 }
 
-TEST_F(ProxyFixture, XalWdsProxy_ModemRestart_ReconnectsAndRegistersAgain) {
+TEST_F(XalWdsProxyTest, ModemRestartReconnectsAndRegistersAgain) {
     const xal_client_type before = serviceClient();
     sim().restart();
     waitForRegistrations(2);
@@ -139,7 +141,7 @@ TEST_F(ProxyFixture, XalWdsProxy_ModemRestart_ReconnectsAndRegistersAgain) {
     EXPECT_TRUE(loop.run([this] { return mProxy->getAllProfiles(); }).empty());
 }
 
-TEST_F(ProxyFixture, XalWdsProxy_Indications_DecodedMappedAndBadOnesDropped) {
+TEST_F(XalWdsProxyTest, IndicationsDecodedMappedAndBadOnesDropped) {
     sim().sendUnknownIndication(0x55);
     sim().sendProfileChanged(WDS_PROFILE_TYPE_3GPP_V01, 3, WDS_PROFILE_EVENT_MODIFY_V01);
     sim().sendInvalidIndication();
@@ -174,7 +176,7 @@ TEST_F(ProxyFixture, XalWdsProxy_Indications_DecodedMappedAndBadOnesDropped) {
     EXPECT_EQ(seen[5].dump(), "3GPP:2 Create");
 }
 
-TEST_F(ProxyFixture, XalWdsProxy_ProfileOperations_SuccessAndFailurePaths) {
+TEST_F(XalWdsProxyTest, ProfileOperationsSuccessAndFailurePaths) {
     ProfileParams params;
     params.setApnName("Temp");
     Modem3gppProfile profile(params);
@@ -217,7 +219,7 @@ TEST_F(ProxyFixture, XalWdsProxy_ProfileOperations_SuccessAndFailurePaths) {
     EXPECT_EQ(loop.run([&] { return mProxy->get(TechType::TECH_3GPP, 1); }), nullptr);
 }
 
-TEST_F(ProxyFixture, XalWdsProxy_GetAllProfiles_ListsInOrderWithinBounds) {
+TEST_F(XalWdsProxyTest, GetAllProfilesListsInOrderWithinBounds) {
     // No 3GPP2 profiles: two list requests, the 3GPP profiles only.
     auto all = loop.run([this] { return mProxy->getAllProfiles(); });
     ASSERT_EQ(all.size(), 2u);
