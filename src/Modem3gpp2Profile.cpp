@@ -19,8 +19,7 @@ Modem3gpp2Profile::Modem3gpp2Profile(int profileId, const wds_get_profile_settin
 }
 
 // Authentication and credentials go out twice: for the profile and at PDN level.
-template <typename Request>
-void Modem3gpp2Profile::fillSettings(Request& r) const {
+void Modem3gpp2Profile::writeSettings(wds_get_profile_settings_resp_msg_v01& r) const {
     if (hasApnName()) putText(r.apn_string_valid, r.apn_string, getApnName());
     if (hasCommonIPType()) {
         putField(r.pdn_type_valid, r.pdn_type, convertToXalProfilePdnType(getCommonIPType()));
@@ -39,21 +38,6 @@ void Modem3gpp2Profile::fillSettings(Request& r) const {
         putText(r.auth_password_valid, r.auth_password, getPassword());
         putText(r.pdn_level_auth_password_valid, r.pdn_level_auth_password, getPassword());
     }
-}
-
-wds_create_profile_req_msg_v01 Modem3gpp2Profile::constructAddRequest() const {
-    wds_create_profile_req_msg_v01 request;
-    updateAddParameters(request);
-    request.profile_type = WDS_PROFILE_TYPE_3GPP2_V01;
-    fillSettings(request);
-    return request;
-}
-
-wds_modify_profile_settings_req_msg_v01 Modem3gpp2Profile::constructModifyRequest() const {
-    wds_modify_profile_settings_req_msg_v01 request;
-    updateModifyParameters(request);
-    fillSettings(request);
-    return request;
 }
 
 bool Modem3gpp2Profile::match(const FilterProfileParams& f) const {

@@ -18,12 +18,9 @@ class Modem3gpp2Profile : public ModemProfile {
     bool match(const FilterProfileParams& filter) const override;
     std::shared_ptr<ModemProfile> diff(const ModifyProfileParams& requested) const override;
     ProfileParams get() const override;
-    wds_create_profile_req_msg_v01 constructAddRequest() const override;
-    wds_modify_profile_settings_req_msg_v01 constructModifyRequest() const override;
 
-  private:
-    template <typename Request>
-    void fillSettings(Request& request) const;
+  protected:
+    void writeSettings(wds_get_profile_settings_resp_msg_v01& settings) const override;
 };
 
 }  // namespace kiv

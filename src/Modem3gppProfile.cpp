@@ -20,12 +20,53 @@ uint16_t toModem16(int value) {
 
 }  // namespace
 
+// The IP-type members come from getNewIPTypes() and go to clients and
+// filters through get() and match(); the profile name is set by the cache.
+struct Profile3gppFieldRules {
+    template <std::optional<IPType> Modem3gppProfile::*Member>
+    static void ipApply(Modem3gppProfile& p, const Modem3gppProfile& update) {
+        if (update.*Member) p.*Member = update.*Member;
+    }
+    template <std::optional<IPType> Modem3gppProfile::*Member>
+    static std::optional<std::string> ipText(const Modem3gppProfile& p) {
+        if (!(p.*Member)) return std::nullopt;
+        return toString(*(p.*Member));
+    }
+    static std::optional<std::string> nameText(const Modem3gppProfile& p) { return p.mProfileName; }
+};
+
+// In the order dump() shows them, after the common members.
+const ProfileField<Modem3gppProfile> Modem3gppProfile::kFields[9] = {
+        {"OverrideHomeIPType=", nullptr, nullptr,
+         Profile3gppFieldRules::ipApply<&Modem3gppProfile::mOverrideHomeIPType>, nullptr, nullptr,
+         Profile3gppFieldRules::ipText<&Modem3gppProfile::mOverrideHomeIPType>},
+        {"LteRoamIP=", nullptr, nullptr,
+         Profile3gppFieldRules::ipApply<&Modem3gppProfile::mLteRoamIPType>, nullptr, nullptr,
+         Profile3gppFieldRules::ipText<&Modem3gppProfile::mLteRoamIPType>},
+        {"UmtsRoamIP=", nullptr, nullptr,
+         Profile3gppFieldRules::ipApply<&Modem3gppProfile::mUmtsRoamIPType>, nullptr, nullptr,
+         Profile3gppFieldRules::ipText<&Modem3gppProfile::mUmtsRoamIPType>},
+        PlainField<Modem3gppProfile, &Modem3gppProfile::mMaxPdnsConnPerBlock,
+                   &ProfileParams::hasMaxPdnsConnPerBlock, &ProfileParams::getMaxPdnsConnPerBlock,
+                   &ProfileParams::setMaxPdnsConnPerBlock>::row("MaxPdnsConnPerBlock="),
+        PlainField<Modem3gppProfile, &Modem3gppProfile::mMaxPdnConnTimer,
+                   &ProfileParams::hasMaxPdnConnTimer, &ProfileParams::getMaxPdnConnTimer,
+                   &ProfileParams::setMaxPdnConnTimer>::row("MaxPdnConnTimer="),
+        PlainField<Modem3gppProfile, &Modem3gppProfile::mPdnReqWaitInterval,
+                   &ProfileParams::hasPdnReqWaitInterval, &ProfileParams::getPdnReqWaitInterval,
+                   &ProfileParams::setPdnReqWaitInterval>::row("PdnReqWaitInterval="),
+        PlainField<Modem3gppProfile, &Modem3gppProfile::mApnDisabled,
+                   &ProfileParams::hasIsApnDisabled, &ProfileParams::getIsApnDisabled,
+                   &ProfileParams::setIsApnDisabled>::row("IsApnDisabled="),
+        PlainField<Modem3gppProfile, &Modem3gppProfile::mEmergencySupported,
+                   &ProfileParams::hasIsEmergencySupported, &ProfileParams::getIsEmergencySupported,
+                   &ProfileParams::setIsEmergencySupported>::row("IsEmergencySupported="),
+        {"ProfileName=", nullptr, nullptr, nullptr, nullptr, nullptr,
+         Profile3gppFieldRules::nameText},
+};
+
 Modem3gppProfile::Modem3gppProfile(const ProfileParams& p) : ModemProfile(TechType::TECH_3GPP, p) {
-    if (p.hasMaxPdnsConnPerBlock()) mMaxPdnsConnPerBlock = p.getMaxPdnsConnPerBlock();
-    if (p.hasMaxPdnConnTimer()) mMaxPdnConnTimer = p.getMaxPdnConnTimer();
-    if (p.hasPdnReqWaitInterval()) mPdnReqWaitInterval = p.getPdnReqWaitInterval();
-    if (p.hasIsApnDisabled()) mApnDisabled = p.getIsApnDisabled();
-    if (p.hasIsEmergencySupported()) mEmergencySupported = p.getIsEmergencySupported();
+    fieldsFromParams(kFields, *this, p);
 
     std::optional<IPType> home, roam, override;
     getNewIPTypes(p, home, roam, override);
@@ -92,8 +133,7 @@ void Modem3gppProfile::getNewIPTypes(const ProfileParams& p, std::optional<IPTyp
     }
 }
 
-template <typename Request>
-void Modem3gppProfile::fillSettings(Request& r) const {
+void Modem3gppProfile::writeSettings(wds_get_profile_settings_resp_msg_v01& r) const {
     if (mProfileName) putText(r.profile_name_valid, r.profile_name, *mProfileName);
     if (hasApnName()) putText(r.apn_name_valid, r.apn_name, getApnName());
     if (hasCommonIPType())
@@ -132,21 +172,6 @@ void Modem3gppProfile::fillSettings(Request& r) const {
     }
     if (hasUserName()) putText(r.username_valid, r.username, getUserName());
     if (hasPassword()) putText(r.password_valid, r.password, getPassword());
-}
-
-wds_create_profile_req_msg_v01 Modem3gppProfile::constructAddRequest() const {
-    wds_create_profile_req_msg_v01 request;
-    updateAddParameters(request);
-    request.profile_type = WDS_PROFILE_TYPE_3GPP_V01;
-    fillSettings(request);
-    return request;
-}
-
-wds_modify_profile_settings_req_msg_v01 Modem3gppProfile::constructModifyRequest() const {
-    wds_modify_profile_settings_req_msg_v01 request;
-    updateModifyParameters(request);
-    fillSettings(request);
-    return request;
 }
 
 bool Modem3gppProfile::match(const FilterProfileParams& f) const {
@@ -188,48 +213,14 @@ bool Modem3gppProfile::match(const FilterProfileParams& f) const {
         }
     }
 
-    if (f.hasMaxPdnsConnPerBlock() && mMaxPdnsConnPerBlock != f.getMaxPdnsConnPerBlock()) {
-        return false;
-    }
-    if (f.hasMaxPdnConnTimer() && mMaxPdnConnTimer != f.getMaxPdnConnTimer()) return false;
-    if (f.hasPdnReqWaitInterval() && mPdnReqWaitInterval != f.getPdnReqWaitInterval()) {
-        return false;
-    }
-    if (f.hasIsApnDisabled() && mApnDisabled != f.getIsApnDisabled()) return false;
-    if (f.hasIsEmergencySupported() && mEmergencySupported != f.getIsEmergencySupported()) {
-        return false;
-    }
-    return true;
+    return fieldsMatch(kFields, *this, f);
 }
 
 std::shared_ptr<ModemProfile> Modem3gppProfile::diff(const ModifyProfileParams& requested) const {
     ProfileParams changes;
     bool changed = false;
     updateDiffParameters(requested, changes, changed);
-
-    if (requested.hasMaxPdnsConnPerBlock() &&
-        mMaxPdnsConnPerBlock != requested.getMaxPdnsConnPerBlock()) {
-        changes.setMaxPdnsConnPerBlock(requested.getMaxPdnsConnPerBlock());
-        changed = true;
-    }
-    if (requested.hasMaxPdnConnTimer() && mMaxPdnConnTimer != requested.getMaxPdnConnTimer()) {
-        changes.setMaxPdnConnTimer(requested.getMaxPdnConnTimer());
-        changed = true;
-    }
-    if (requested.hasPdnReqWaitInterval() &&
-        mPdnReqWaitInterval != requested.getPdnReqWaitInterval()) {
-        changes.setPdnReqWaitInterval(requested.getPdnReqWaitInterval());
-        changed = true;
-    }
-    if (requested.hasIsApnDisabled() && mApnDisabled != requested.getIsApnDisabled()) {
-        changes.setIsApnDisabled(requested.getIsApnDisabled());
-        changed = true;
-    }
-    if (requested.hasIsEmergencySupported() &&
-        mEmergencySupported != requested.getIsEmergencySupported()) {
-        changes.setIsEmergencySupported(requested.getIsEmergencySupported());
-        changed = true;
-    }
+    if (fieldsDiff(kFields, *this, requested, changes)) changed = true;
 
     auto update = std::make_shared<Modem3gppProfile>(changes);
     std::optional<IPType> home, roam, override;
@@ -257,16 +248,9 @@ std::shared_ptr<ModemProfile> Modem3gppProfile::diff(const ModifyProfileParams& 
 
 void Modem3gppProfile::apply(std::shared_ptr<ModemProfile> update) {
     ModemProfile::apply(update);
-    auto other = std::dynamic_pointer_cast<Modem3gppProfile>(update);
-    if (!other) return;
-    if (other->mOverrideHomeIPType) mOverrideHomeIPType = other->mOverrideHomeIPType;
-    if (other->mLteRoamIPType) mLteRoamIPType = other->mLteRoamIPType;
-    if (other->mUmtsRoamIPType) mUmtsRoamIPType = other->mUmtsRoamIPType;
-    if (other->mMaxPdnsConnPerBlock) mMaxPdnsConnPerBlock = other->mMaxPdnsConnPerBlock;
-    if (other->mMaxPdnConnTimer) mMaxPdnConnTimer = other->mMaxPdnConnTimer;
-    if (other->mPdnReqWaitInterval) mPdnReqWaitInterval = other->mPdnReqWaitInterval;
-    if (other->mApnDisabled) mApnDisabled = other->mApnDisabled;
-    if (other->mEmergencySupported) mEmergencySupported = other->mEmergencySupported;
+    if (auto other = std::dynamic_pointer_cast<Modem3gppProfile>(update)) {
+        fieldsApply(kFields, *this, *other);
+    }
 }
 
 ProfileParams Modem3gppProfile::get() const {
@@ -285,31 +269,13 @@ ProfileParams Modem3gppProfile::get() const {
         params.setHomeIPType(getCommonIPType());
     }
     if (mLteRoamIPType && mLteRoamIPType == mUmtsRoamIPType) params.setRoamIPType(*mLteRoamIPType);
-    if (mMaxPdnsConnPerBlock) params.setMaxPdnsConnPerBlock(*mMaxPdnsConnPerBlock);
-    if (mMaxPdnConnTimer) params.setMaxPdnConnTimer(*mMaxPdnConnTimer);
-    if (mPdnReqWaitInterval) params.setPdnReqWaitInterval(*mPdnReqWaitInterval);
-    if (mApnDisabled) params.setIsApnDisabled(*mApnDisabled);
-    if (mEmergencySupported) params.setIsEmergencySupported(*mEmergencySupported);
+    fieldsToParams(kFields, *this, params);
     return params;
 }
 
 std::string Modem3gppProfile::dump() const {
     std::string out = ModemProfile::dump();
-    auto number = [&out](const char* label, const std::optional<int>& value) {
-        if (value) appendItem(out, label, std::to_string(*value));
-    };
-    auto flag = [&out](const char* label, const std::optional<bool>& value) {
-        if (value) appendItem(out, label, *value ? "true" : "false");
-    };
-    if (mOverrideHomeIPType) appendItem(out, "OverrideHomeIPType=", toString(*mOverrideHomeIPType));
-    if (mLteRoamIPType) appendItem(out, "LteRoamIP=", toString(*mLteRoamIPType));
-    if (mUmtsRoamIPType) appendItem(out, "UmtsRoamIP=", toString(*mUmtsRoamIPType));
-    number("MaxPdnsConnPerBlock=", mMaxPdnsConnPerBlock);
-    number("MaxPdnConnTimer=", mMaxPdnConnTimer);
-    number("PdnReqWaitInterval=", mPdnReqWaitInterval);
-    flag("IsApnDisabled=", mApnDisabled);
-    flag("IsEmergencySupported=", mEmergencySupported);
-    if (mProfileName) appendItem(out, "ProfileName=", *mProfileName);
+    fieldsDump(kFields, *this, out);
     return out;
 }
 

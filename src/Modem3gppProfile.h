@@ -21,8 +21,6 @@ class Modem3gppProfile : public ModemProfile {
     void apply(std::shared_ptr<ModemProfile> update) override;
     std::shared_ptr<ModemProfile> diff(const ModifyProfileParams& requested) const override;
     ProfileParams get() const override;
-    wds_create_profile_req_msg_v01 constructAddRequest() const override;
-    wds_modify_profile_settings_req_msg_v01 constructModifyRequest() const override;
     std::string dump() const override;
 
     // The IP types to ask the modem for, given the requested ones and this
@@ -64,10 +62,12 @@ class Modem3gppProfile : public ModemProfile {
     std::string getProfileName() const { return mProfileName.value_or(std::string()); }
     void setProfileName(std::string name) { mProfileName = std::move(name); }
 
+  protected:
+    void writeSettings(wds_get_profile_settings_resp_msg_v01& settings) const override;
+
   private:
-    // Fields 3 to 10 of the create request, shared with the modify request.
-    template <typename Request>
-    void fillSettings(Request& request) const;
+    friend struct Profile3gppFieldRules;
+    static const ProfileField<Modem3gppProfile> kFields[9];
 
     std::optional<IPType> mOverrideHomeIPType;
     std::optional<IPType> mLteRoamIPType;

@@ -4,8 +4,108 @@
 
 #include "Conversions.h"
 #include "LogWrapper.h"
+#include "WdsSettingsFields.h"
 
 namespace kiv {
+
+// The common members whose rules are the library's own: the APN name
+// (lower case, cut to 150 in the profile, a substring match on request),
+// the home IP type (the technology decides where it comes from) and the
+// APN types (the modem's encoding inside, the client's outside).
+struct ProfileFieldRules {
+    static void apnFromParams(ModemProfile& p, const ProfileParams& params) {
+        if (params.hasApnName()) p.mApnName = normalizeApnName(params.getApnName());
+    }
+    static bool apnDiff(const ModemProfile& p, const ProfileParams& requested,
+                        ProfileParams& changes) {
+        if (!requested.hasApnName() || p.mApnName == normalizeApnName(requested.getApnName())) {
+            return false;
+        }
+        // The whole requested name goes into the changes, not its first 150.
+        changes.setApnName(convertToLower(requested.getApnName()));
+        return true;
+    }
+    static void apnApply(ModemProfile& p, const ModemProfile& update) {
+        if (update.mApnName) p.mApnName = normalizeApnName(*update.mApnName);
+    }
+    static void apnToParams(const ModemProfile& p, ProfileParams& params) {
+        if (p.mApnName) params.setApnName(*p.mApnName);
+    }
+    static bool apnMatches(const ModemProfile& p, const FilterProfileParams& f) {
+        if (!f.hasApnName()) return true;
+        if (!p.mApnName) return false;
+        const std::string wanted = normalizeApnName(f.getApnName());
+        if (f.getFilterMatchCriteria() & ApnNameSubset) {
+            return p.mApnName->find(wanted) != std::string::npos;
+        }
+        return *p.mApnName == wanted;
+    }
+    static std::optional<std::string> apnText(const ModemProfile& p) { return p.mApnName; }
+
+    static void ipApply(ModemProfile& p, const ModemProfile& update) {
+        if (update.mCommonIPType) p.mCommonIPType = update.mCommonIPType;
+    }
+    static std::optional<std::string> ipText(const ModemProfile& p) {
+        if (!p.mCommonIPType) return std::nullopt;
+        return toString(*p.mCommonIPType);
+    }
+
+    static void typesFromParams(ModemProfile& p, const ProfileParams& params) {
+        if (params.hasApnTypesMask())
+            p.mApnTypesMask = convertToXalApnTypeMask(params.getApnTypesMask());
+    }
+    static bool typesDiff(const ModemProfile& p, const ProfileParams& requested,
+                          ProfileParams& changes) {
+        if (!requested.hasApnTypesMask() ||
+            (p.mApnTypesMask &&
+             convertToCommonApnTypeMask(*p.mApnTypesMask) == requested.getApnTypesMask())) {
+            return false;
+        }
+        changes.setApnTypesMask(requested.getApnTypesMask());
+        return true;
+    }
+    static void typesApply(ModemProfile& p, const ModemProfile& update) {
+        if (update.mApnTypesMask) p.mApnTypesMask = update.mApnTypesMask;
+    }
+    static void typesToParams(const ModemProfile& p, ProfileParams& params) {
+        if (p.mApnTypesMask) params.setApnTypesMask(convertToCommonApnTypeMask(*p.mApnTypesMask));
+    }
+    static bool typesMatch(const ModemProfile& p, const FilterProfileParams& f) {
+        if (!f.hasApnTypesMask()) return true;
+        if (!p.mApnTypesMask) return false;
+        return (f.getFilterMatchCriteria() & ApnTypeBitmaskSubset)
+                       ? p.matchSubsetApnTypesMask(f.getApnTypesMask())
+                       : p.matchExactApnTypesMask(f.getApnTypesMask());
+    }
+    static std::optional<std::string> typesText(const ModemProfile& p) {
+        if (!p.mApnTypesMask) return std::nullopt;
+        return std::to_string(*p.mApnTypesMask);
+    }
+};
+
+// In the order dump() shows them.
+const ProfileField<ModemProfile> ModemProfile::kFields[8] = {
+        {"ApnName=", ProfileFieldRules::apnFromParams, ProfileFieldRules::apnDiff,
+         ProfileFieldRules::apnApply, ProfileFieldRules::apnToParams, ProfileFieldRules::apnMatches,
+         ProfileFieldRules::apnText},
+        PlainField<ModemProfile, &ModemProfile::mUserName, &ProfileParams::hasUserName,
+                   &ProfileParams::getUserName, &ProfileParams::setUserName>::row("UserName="),
+        PlainField<ModemProfile, &ModemProfile::mPassword, &ProfileParams::hasPassword,
+                   &ProfileParams::getPassword, &ProfileParams::setPassword>::row("Password="),
+        PlainField<ModemProfile, &ModemProfile::mAuthType, &ProfileParams::hasAuthType,
+                   &ProfileParams::getAuthType, &ProfileParams::setAuthType>::row("AuthType="),
+        // Where the home IP type comes from and goes to is the technology's.
+        {"CommonIPType=", nullptr, nullptr, ProfileFieldRules::ipApply, nullptr, nullptr,
+         ProfileFieldRules::ipText},
+        {"ApnTypesMask=", ProfileFieldRules::typesFromParams, ProfileFieldRules::typesDiff,
+         ProfileFieldRules::typesApply, ProfileFieldRules::typesToParams,
+         ProfileFieldRules::typesMatch, ProfileFieldRules::typesText},
+        PlainField<ModemProfile, &ModemProfile::mApnClass, &ProfileParams::hasApnClass,
+                   &ProfileParams::getApnClass, &ProfileParams::setApnClass>::row("ApnClass="),
+        PlainField<ModemProfile, &ModemProfile::mClatEnabled, &ProfileParams::hasIsClatEnabled,
+                   &ProfileParams::getIsClatEnabled,
+                   &ProfileParams::setIsClatEnabled>::row("IsClatEnabled="),
+};
 
 std::string normalizeApnName(const std::string& apnName) {
     return convertToLower(apnName.substr(0, kMaxApnNameLength));
@@ -21,13 +121,7 @@ bool matchIPType(IPType wanted, IPType actual, uint32_t criteria, uint32_t subse
 }
 
 ModemProfile::ModemProfile(TechType techType, const ProfileParams& params) : mTechType(techType) {
-    if (params.hasApnName()) mApnName = normalizeApnName(params.getApnName());
-    if (params.hasUserName()) mUserName = params.getUserName();
-    if (params.hasPassword()) mPassword = params.getPassword();
-    if (params.hasAuthType()) mAuthType = params.getAuthType();
-    if (params.hasApnClass()) mApnClass = params.getApnClass();
-    if (params.hasApnTypesMask()) mApnTypesMask = convertToXalApnTypeMask(params.getApnTypesMask());
-    if (params.hasIsClatEnabled()) mClatEnabled = params.getIsClatEnabled();
+    fieldsFromParams(kFields, *this, params);
 }
 
 ModemProfile::ModemProfile(TechType techType, int profileId,
@@ -79,79 +173,18 @@ bool ModemProfile::matchExactApnTypesMask(uint32_t apnTypes) const {
 }
 
 bool ModemProfile::match(const FilterProfileParams& f) const {
-    const uint32_t criteria = f.getFilterMatchCriteria();
     if (f.hasFilterByTechType() && f.getFilterByTechType() != mTechType) return false;
-    if (f.hasApnName()) {
-        if (!mApnName) return false;
-        const std::string wanted = normalizeApnName(f.getApnName());
-        if (criteria & ApnNameSubset) {
-            if (mApnName->find(wanted) == std::string::npos) return false;
-        } else if (*mApnName != wanted) {
-            return false;
-        }
-    }
-    if (f.hasUserName() && (!mUserName || *mUserName != f.getUserName())) return false;
-    if (f.hasPassword() && (!mPassword || *mPassword != f.getPassword())) return false;
-    if (f.hasAuthType() && (!mAuthType || *mAuthType != f.getAuthType())) return false;
-    if (f.hasApnTypesMask()) {
-        if (!mApnTypesMask) return false;
-        const bool matched = (criteria & ApnTypeBitmaskSubset)
-                                     ? matchSubsetApnTypesMask(f.getApnTypesMask())
-                                     : matchExactApnTypesMask(f.getApnTypesMask());
-        if (!matched) return false;
-    }
-    if (f.hasApnClass() && (!mApnClass || *mApnClass != f.getApnClass())) return false;
-    if (f.hasIsClatEnabled() && (!mClatEnabled || *mClatEnabled != f.getIsClatEnabled())) {
-        return false;
-    }
+    if (!fieldsMatch(kFields, *this, f)) return false;
     return !f.hasFilterByProfileId() || f.getFilterByProfileId() == mProfileId;
 }
 
 void ModemProfile::updateDiffParameters(ModifyProfileParams requested, ProfileParams& changes,
                                         bool& changed) const {
-    if (requested.hasApnName() && mApnName != normalizeApnName(requested.getApnName())) {
-        // The whole requested name goes into the changes, not its first 150.
-        changes.setApnName(convertToLower(requested.getApnName()));
-        changed = true;
-    }
-    if (requested.hasUserName() && mUserName != requested.getUserName()) {
-        changes.setUserName(requested.getUserName());
-        changed = true;
-    }
-    if (requested.hasPassword() && mPassword != requested.getPassword()) {
-        changes.setPassword(requested.getPassword());
-        changed = true;
-    }
-    if (requested.hasAuthType() && mAuthType != requested.getAuthType()) {
-        changes.setAuthType(requested.getAuthType());
-        changed = true;
-    }
-    if (requested.hasApnTypesMask() &&
-        (!mApnTypesMask ||
-         convertToCommonApnTypeMask(*mApnTypesMask) != requested.getApnTypesMask())) {
-        changes.setApnTypesMask(requested.getApnTypesMask());
-        changed = true;
-    }
-    if (requested.hasApnClass() && mApnClass != requested.getApnClass()) {
-        changes.setApnClass(requested.getApnClass());
-        changed = true;
-    }
-    if (requested.hasIsClatEnabled() && mClatEnabled != requested.getIsClatEnabled()) {
-        changes.setIsClatEnabled(requested.getIsClatEnabled());
-        changed = true;
-    }
+    if (fieldsDiff(kFields, *this, requested, changes)) changed = true;
 }
 
 void ModemProfile::apply(std::shared_ptr<ModemProfile> update) {
-    if (!update) return;
-    if (update->mApnName) mApnName = normalizeApnName(*update->mApnName);
-    if (update->mUserName) mUserName = update->mUserName;
-    if (update->mPassword) mPassword = update->mPassword;
-    if (update->mAuthType) mAuthType = update->mAuthType;
-    if (update->mCommonIPType) mCommonIPType = update->mCommonIPType;
-    if (update->mApnTypesMask) mApnTypesMask = update->mApnTypesMask;
-    if (update->mApnClass) mApnClass = update->mApnClass;
-    if (update->mClatEnabled) mClatEnabled = update->mClatEnabled;
+    if (update) fieldsApply(kFields, *this, *update);
 }
 
 wds_profile_identifier_type_v01 ModemProfile::constructProfileIdentifier() const {
@@ -174,13 +207,26 @@ void ModemProfile::updateModifyParameters(wds_modify_profile_settings_req_msg_v0
 }
 
 void ModemProfile::updateGetParameters(FilterProfileParams& params) const {
-    if (mApnName) params.setApnName(*mApnName);
-    if (mUserName) params.setUserName(*mUserName);
-    if (mPassword) params.setPassword(*mPassword);
-    if (mAuthType) params.setAuthType(*mAuthType);
-    if (mApnTypesMask) params.setApnTypesMask(convertToCommonApnTypeMask(*mApnTypesMask));
-    if (mApnClass) params.setApnClass(*mApnClass);
-    if (mClatEnabled) params.setIsClatEnabled(*mClatEnabled);
+    fieldsToParams(kFields, *this, params);
+}
+
+wds_create_profile_req_msg_v01 ModemProfile::constructAddRequest() const {
+    wds_create_profile_req_msg_v01 request;
+    updateAddParameters(request);
+    request.profile_type = constructProfileIdentifier().profile_type;
+    wds_get_profile_settings_resp_msg_v01 settings = {};
+    writeSettings(settings);
+    copyValidFields(request, settings);
+    return request;
+}
+
+wds_modify_profile_settings_req_msg_v01 ModemProfile::constructModifyRequest() const {
+    wds_modify_profile_settings_req_msg_v01 request;
+    updateModifyParameters(request);
+    wds_get_profile_settings_resp_msg_v01 settings = {};
+    writeSettings(settings);
+    copyValidFields(request, settings);
+    return request;
 }
 
 void appendItem(std::string& out, const char* label, const std::string& value) {
@@ -192,14 +238,7 @@ std::string ModemProfile::dump() const {
     out.reserve(160);
     appendItem(out, "TechType=", toString(mTechType));
     appendItem(out, "ProfileId=", std::to_string(mProfileId));
-    if (mApnName) appendItem(out, "ApnName=", *mApnName);
-    if (mUserName) appendItem(out, "UserName=", *mUserName);
-    if (mPassword) appendItem(out, "Password=", *mPassword);
-    if (mAuthType) appendItem(out, "AuthType=", toString(*mAuthType));
-    if (mCommonIPType) appendItem(out, "CommonIPType=", toString(*mCommonIPType));
-    if (mApnTypesMask) appendItem(out, "ApnTypesMask=", std::to_string(*mApnTypesMask));
-    if (mApnClass) appendItem(out, "ApnClass=", toString(*mApnClass));
-    if (mClatEnabled) appendItem(out, "IsClatEnabled=", *mClatEnabled ? "true" : "false");
+    fieldsDump(kFields, *this, out);
     return out;
 }
 

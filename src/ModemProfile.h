@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "ProfileFields.h"
 #include "ProfileKey.h"
 #include "ProfileParams.h"
 #include "xal/wds_v01.h"
@@ -32,8 +33,10 @@ class ModemProfile {
     virtual std::shared_ptr<ModemProfile> diff(const ModifyProfileParams& requested) const = 0;
     // The profile as clients see it.
     virtual ProfileParams get() const = 0;
-    virtual wds_create_profile_req_msg_v01 constructAddRequest() const = 0;
-    virtual wds_modify_profile_settings_req_msg_v01 constructModifyRequest() const = 0;
+    // The create and modify requests of either technology: the common
+    // fields, and the technology's settings (writeSettings).
+    virtual wds_create_profile_req_msg_v01 constructAddRequest() const;
+    virtual wds_modify_profile_settings_req_msg_v01 constructModifyRequest() const;
     virtual std::string dump() const;
 
     TechType getTechType() const { return mTechType; }
@@ -104,8 +107,14 @@ class ModemProfile {
     void updateModifyParameters(wds_modify_profile_settings_req_msg_v01& request) const;
     // Writes the common members that are present.
     void updateGetParameters(FilterProfileParams& params) const;
+    // The technology's own fields of a create or modify request, written
+    // into a record that holds every settings field.
+    virtual void writeSettings(wds_get_profile_settings_resp_msg_v01& settings) const = 0;
 
   private:
+    friend struct ProfileFieldRules;
+    static const ProfileField<ModemProfile> kFields[8];
+
     const TechType mTechType;
     int mProfileId = -1;
     bool mPersistent = false;
@@ -122,9 +131,6 @@ class ModemProfile {
     std::optional<ApnClass> mApnClass;
     std::optional<bool> mClatEnabled;
 };
-
-// Appends "label" "value" "," to a dump.
-void appendItem(std::string& out, const char* label, const std::string& value);
 
 // Longest APN name the modem holds.
 inline constexpr size_t kMaxApnNameLength = WDS_APN_NAME_MAX_V01;

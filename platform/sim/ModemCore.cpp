@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "IndicationCodec.h"
-#include "SettingsFields.h"
+#include "WdsSettingsFields.h"
 
 namespace xalsim {
 
@@ -358,7 +358,7 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
             const int index = lowestFreeIndexLocked(type);
             if (index < 0) return fail(kErrNoFreeProfile);
             Settings settings = emptySettings();
-            copyValidFields(settings, r);
+            kiv::copyValidFields(settings, r);
             settings.persistent_valid = 1;
             settings.persistent = r.persistent_valid ? (r.persistent ? 1 : 0) : 1;
             const uint8_t slot = static_cast<uint8_t>(index);
@@ -375,7 +375,7 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
             const auto r = readRecord<wds_modify_profile_settings_req_msg_v01>(request);
             auto it = mTable.find({r.profile.profile_type, r.profile.profile_index});
             if (it == mTable.end()) return fail(kErrInvalidProfile);
-            if (!commitLocked([&]() REQUIRES(mLock) { copyValidFields(it->second, r); }))
+            if (!commitLocked([&]() REQUIRES(mLock) { kiv::copyValidFields(it->second, r); }))
                 return fail(kErrStorage);
             broadcastProfileChangedLocked(r.profile.profile_type, r.profile.profile_index,
                                           WDS_PROFILE_EVENT_MODIFY_V01);
@@ -537,7 +537,7 @@ bool ModemCore::externalModify(wds_profile_type_enum_v01 type, uint8_t index,
     kiv::MutexLock guard(mLock);
     auto it = mTable.find({type, index});
     if (it == mTable.end()) return false;
-    if (!commitLocked([&]() REQUIRES(mLock) { copyValidFields(it->second, changes); }))
+    if (!commitLocked([&]() REQUIRES(mLock) { kiv::copyValidFields(it->second, changes); }))
         return false;
     broadcastProfileChangedLocked(type, index, WDS_PROFILE_EVENT_MODIFY_V01);
     return true;

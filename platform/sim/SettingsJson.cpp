@@ -4,7 +4,7 @@
 #include <limits>
 #include <type_traits>
 
-#include "SettingsFields.h"
+#include "WdsSettingsFields.h"
 
 namespace xalsim {
 

@@ -17,7 +17,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "SettingsFields.h"
+#include "WdsSettingsFields.h"
 #include "SettingsJson.h"
 
 namespace xalsim {

@@ -1,6 +1,7 @@
-// The settings fields that a create or modify request can carry, by kind:
-// STR for character arrays, NUM for integers and enumerations. The
-// persistence flag is handled on its own (a modify request has none).
+// The settings fields of the modem's profile records, in record order, by
+// kind: STR for character arrays, NUM for integers and enumerations. The
+// create and modify requests and the settings response all carry them (the
+// persistence flag, which a modify request lacks, is handled on its own).
 #pragma once
 
 #include <cstring>
@@ -33,9 +34,9 @@
     X(STR, pdn_level_user_id)         \
     X(STR, pdn_level_auth_password)
 
-namespace xalsim {
+namespace kiv {
 
-// Copies every field whose valid flag is set in from.
+// Copies every settings field whose valid flag is set in from.
 template <typename To, typename From>
 void copyValidFields(To& to, const From& from) {
 #define XALSIM_COPY(kind, name)                                     \
@@ -48,4 +49,4 @@ void copyValidFields(To& to, const From& from) {
 #undef XALSIM_COPY
 }
 
-}  // namespace xalsim
+}  // namespace kiv
