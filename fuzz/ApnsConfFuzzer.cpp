@@ -12,7 +12,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (file == nullptr) return 0;
     fwrite(data, 1, size, file);
     fclose(file);
-    kivctl::CarrierSelection selection{"001", "01", std::nullopt, std::nullopt};
+    kivctl::CarrierSelection selection{"001", "01", {}};
+    selection.sim.imsi = "001010123456789";
+    selection.sim.gid1 = "BA01";
+    selection.sim.spn = "Example Mobile";
+    selection.sim.iccid = "8901";
     const auto all = kivctl::ApnsConf::read(sPath, std::nullopt);
     const auto one = kivctl::ApnsConf::read(sPath, selection);
     if (all.ok && one.ok && one.entries.size() > all.entries.size()) __builtin_trap();

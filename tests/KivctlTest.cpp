@@ -1,20 +1,19 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
-#include <map>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "ApnsConf.h"
-#include "Conversions.h"
+#include "Arguments.h"
 #include "Kivctl.h"
-#include "Manager.h"
-#include "SimModem.h"
-#include "Util.h"
-#include "diag_host.h"
 
 namespace kivctl {
 namespace {
+
+using nlohmann::json;
 
 struct Result {
     int status;
@@ -41,57 +40,146 @@ class KivctlFixture : public testing::Test {
     static size_t lines(const std::string& text) {
         return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
     }
+    static bool has(const std::string& text, const std::string& part) {
+        return text.find(part) != std::string::npos;
+    }
+    // Every line of --json output is one JSON document.
+    static std::vector<json> documents(const std::string& out) {
+        std::vector<json> all;
+        std::istringstream in(out);
+        for (std::string line; std::getline(in, line);) all.push_back(json::parse(line));
+        return all;
+    }
     std::string readState() {
         std::ifstream in(state);
         return std::string(std::istreambuf_iterator<char>(in), {});
     }
+    static std::string write(const std::string& path, const std::string& text) {
+        std::ofstream(path) << text;
+        return path;
+    }
 
+    const std::string example = KIVR_SOURCE_DIR "/examples/apns-conf.xml";
     std::string state;
 };
 
 class KivctlTest : public KivctlFixture {};
 
+TEST(KivctlArgumentsTest, ValuesNeverOptionsEachOptionOnce) {
+    const std::vector<OptionSpec> spec = {
+            {"--apn", "NAME", ""}, {"--temporary", nullptr, ""}, {"--help", nullptr, ""}};
+    struct Row {
+        std::vector<std::string> words;
+        std::string apn;  // expected --apn, or the error's words
+        bool error;
+        std::vector<std::string> positionals;
+    };
+    const std::vector<Row> rows = {
+            {{"--apn", "x", "one"}, "x", false, {"one"}},
+            {{"--apn=-x", "-"}, "-x", false, {"-"}},
+            {{"--apn=a=b"}, "a=b", false, {}},
+            {{"--", "--apn", "-h"}, "", false, {"--apn", "-h"}},
+            {{"--apn", "--temporary"}, "option --apn needs NAME", true, {}},
+            {{"--apn", "-1"}, "write --apn=VALUE", true, {}},
+            {{"--apn"}, "option --apn needs NAME", true, {}},
+            {{"--apn="}, "not an empty word", true, {}},
+            {{"--temporary=yes"}, "takes no value", true, {}},
+            {{"--apn", "a", "--apn=b"}, "given twice", true, {}},
+            {{"-t"}, "unknown option '-t'", true, {}},
+            {{"--user", "me"}, "unknown option '--user'", true, {}},
+    };
+    for (const auto& row : rows) {
+        const std::string line = testing::PrintToString(row.words);
+        if (row.error) {
+            try {
+                Arguments::parse(row.words, spec);
+                ADD_FAILURE() << line << " was accepted";
+            } catch (const UsageError& e) {
+                EXPECT_TRUE(std::string(e.what()).find(row.apn) != std::string::npos)
+                        << line << ": " << e.what();
+            }
+            continue;
+        }
+        const Arguments args = Arguments::parse(row.words, spec);
+        EXPECT_EQ(args.value("--apn").value_or(""), row.apn) << line;
+        EXPECT_EQ(args.positionals(), row.positionals) << line;
+    }
+    EXPECT_TRUE(Arguments::parse({"-h"}, spec).has("--help"));
+
+    EXPECT_EQ(parseNumber("010", "x", 0, 255), 10);
+    EXPECT_EQ(parseNumber("0x1F", "x", 0, 255), 31);
+    for (const char* bad : {"", " 5", "+5", "-1", "256", "5x", "99999999999"}) {
+        EXPECT_THROW(parseNumber(bad, "x", 0, 255), UsageError) << bad;
+    }
+    try {
+        parseNumber("0", "a profile id", 1, 255);
+    } catch (const UsageError& e) {
+        EXPECT_STREQ(e.what(), "bad number '0' for a profile id (1 to 255)");
+    }
+    EXPECT_EQ(quote("a\nb\\\x1b\xc2\x9b\xc3\xa9"), "'a\\x0Ab\\x5C\\x1B\\xC2\\x9B\xc3\xa9'");
+    EXPECT_EQ(quote("\xff\xc3\xa9"), "'\\xFF\\xC3\\xA9'");
+}
+
 TEST_F(KivctlTest, FirstUseSeedsTableThatPersists) {
     auto r = kivctl({"list"});
     ASSERT_EQ(r.status, kOk) << r.err;
     EXPECT_EQ(lines(r.out), 5u);  // header and four profiles
-    EXPECT_NE(r.out.find("internet"), std::string::npos);
-    EXPECT_NE(r.out.find("cdma.internet"), std::string::npos);
-    EXPECT_NE(readState().find("\"type\": \"3gpp2\",\n      \"index\": 101"), std::string::npos)
-            << readState();
+    EXPECT_TRUE(has(r.out, "cdma.internet"));
 
     r = kivctl({"add", "--apn", "Kept", "--ip", "v4v6", "--types", "default,ims"});
     ASSERT_EQ(r.status, kOk) << r.err;
     EXPECT_EQ(r.out, "added: profile 4 (3gpp)\n");
-    r = kivctl({"--json", "show", "4"});
+    r = kivctl({"show", "4", "--json"});
     ASSERT_EQ(r.status, kOk) << r.err;
-    EXPECT_NE(r.out.find("\"apn\":\"kept\""), std::string::npos);
-    EXPECT_NE(r.out.find("\"types\":\"default,ims\""), std::string::npos);
-    EXPECT_NE(r.out.find("\"flags\":[\"library\",\"persistent\"]"), std::string::npos);
+    const json shown = json::parse(r.out);
+    EXPECT_EQ(shown["profile"]["apn"], "kept");
+    EXPECT_EQ(shown["profile"]["homeIp"], "v4v6");
+    EXPECT_EQ(shown["profile"]["types"], json({"default", "ims"}));
+    EXPECT_EQ(shown["profile"]["flags"], json({"library", "persistent"}));
+    EXPECT_EQ(shown["modem"]["apn_name"], "kept");
 
     // A temporary profile lives only as long as its handle: here, the command.
-    r = kivctl({"add", "--temporary", "--apn", "gone"});
-    ASSERT_EQ(r.status, kOk);
-    r = kivctl({"find", "--apn", "gone"});
-    EXPECT_EQ(lines(r.out), 1u) << r.out;
+    ASSERT_EQ(kivctl({"add", "--temporary", "--apn", "gone"}).status, kOk);
+    EXPECT_EQ(lines(kivctl({"find", "--apn", "gone"}).out), 1u);
+
+    // Long and non-ASCII text keeps the table's columns in line.
+    const std::string apn(150, 'a');
+    ASSERT_EQ(kivctl({"add", "--apn", apn, "--types", "default,mms,supl,dun,ims,fota"}).status,
+              kOk);
+    ASSERT_EQ(kivctl({"add", "--apn", "caf\xc3\xa9"}).status, kOk);
+    r = kivctl({"list"});
+    std::istringstream table(r.out);
+    std::vector<size_t> techColumn;
+    for (std::string line; std::getline(table, line);) {
+        size_t characters = 0;
+        for (size_t i = 0; i < line.find("3gpp") && i < line.size(); ++i) {
+            characters += (static_cast<unsigned char>(line[i]) & 0xC0) != 0x80;
+        }
+        if (has(line, "3gpp")) techColumn.push_back(characters);
+    }
+    ASSERT_EQ(techColumn.size(), 7u) << r.out;
+    EXPECT_TRUE(std::all_of(techColumn.begin(), techColumn.end(), [&](size_t at) {
+        return at == techColumn[0];
+    })) << r.out;
+    EXPECT_TRUE(has(r.out, "default,mms,supl,dun,fota,ims")) << r.out;
 }
 
 TEST_F(KivctlTest, ProfileCommandsModifyFindDelete) {
     ASSERT_EQ(kivctl({"add", "--apn", "data.example", "--ip", "v4"}).status, kOk);
-    auto r = kivctl({"modify", "4", "--roam-ip", "v6", "--auth", "chap", "--user", "me"});
+    auto r = kivctl({"modify", "4", "--roam-ip=v6", "--auth", "chap", "--user", "me"});
     ASSERT_EQ(r.status, kOk) << r.err;
     r = kivctl({"show", "4"});
-    EXPECT_NE(r.out.find("roam ip         V6"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("auth            CHAP"), std::string::npos);
+    EXPECT_TRUE(has(r.out, "roam ip  v6")) << r.out;
+    EXPECT_TRUE(has(r.out, "auth     chap"));
+    EXPECT_TRUE(has(r.out, "on the modem:\n  apn_name                   \"data.example\""));
 
     r = kivctl({"find", "--apn", "DATA", "--apn-subset", "--ip", "v4v6", "--home-superset"});
     ASSERT_EQ(r.status, kOk) << r.err;
     EXPECT_EQ(lines(r.out), 2u) << r.out;
-    r = kivctl({"find", "--ip", "v4"});
-    EXPECT_EQ(lines(r.out), 3u) << r.out;  // mms and the new one
-    r = kivctl({"--json", "find", "--kiv", "yes"});
-    EXPECT_EQ(r.out.find("\"id\":1,"), std::string::npos);
-    EXPECT_NE(r.out.find("\"id\":4,"), std::string::npos);
+    EXPECT_EQ(lines(kivctl({"find", "--ip", "v4"}).out), 3u);  // mms and the new one
+    const json mine = json::parse(kivctl({"--json", "find", "--kiv", "yes"}).out);
+    ASSERT_EQ(mine["profiles"].size(), 1u);
+    EXPECT_EQ(mine["profiles"][0]["id"], 4);
 
     EXPECT_EQ(kivctl({"delete", "4"}).status, kOk);
     r = kivctl({"show", "4"});
@@ -105,116 +193,255 @@ TEST_F(KivctlTest, PolicyCommandsFindOrCreate) {
     EXPECT_EQ(r.out, "attach profile: profile 1 (3gpp)\n");
     r = kivctl({"attach", "--apn", "lte.attach", "--ip", "v6"});
     EXPECT_EQ(r.out, "attach profile: profile 4 (3gpp)\n");
-    r = kivctl({"show", "4"});
-    EXPECT_NE(r.out.find("library,attach,persistent"), std::string::npos) << r.out;
+    EXPECT_TRUE(has(kivctl({"show", "4"}).out, "library,attach,persistent"));
 
     r = kivctl({"data-call", "--tech", "3gpp2", "--apn", "cdma.internet"});
     EXPECT_EQ(r.out, "data-call profile: profile 101 (3gpp2)\n");
     r = kivctl({"data-call", "--allow-update", "--apn", "ims", "--ip", "v6"});
     EXPECT_EQ(r.out, "data-call profile: profile 2 (3gpp)\n");
-    EXPECT_NE(kivctl({"show", "2"}).out.find("home ip         V6"), std::string::npos);
+    EXPECT_TRUE(has(kivctl({"show", "2"}).out, "home ip  v6"));
 
     r = kivctl({"emergency", "--apn", "sos"});
     EXPECT_EQ(r.out, "emergency profile: profile 5 (3gpp)\n");
-    r = kivctl({"emergency"});
-    EXPECT_EQ(r.out, "emergency profile: profile 5 (3gpp)\n");
+    EXPECT_EQ(kivctl({"emergency"}).out, "emergency profile: profile 5 (3gpp)\n");
 }
 
-TEST_F(KivctlTest, ApplyApnsReportsUsedSkippedAndWarnings) {
-    const std::string example = KIVR_SOURCE_DIR "/examples/apns-conf.xml";
-    auto r = kivctl({"apply-apns", example, "--mcc", "001", "--mnc", "01"});
+TEST(KivctlMvnoTest, SimMatchesAsDevicesDecide) {
+    SimIdentity sim;
+    sim.imsi = "310260123456789";
+    sim.gid1 = "BAE0000000000000";
+    sim.spn = "Example Mobile";
+    sim.iccid = "8901260123456789012";
+    struct Row {
+        const char* type;
+        const char* data;
+        bool matches;
+    };
+    for (const Row& row : std::vector<Row>{{"imsi", "310260123456789", true},
+                                           {"imsi", "31026012xxxxxxx", true},
+                                           {"imsi", "31026013xxxxxxx", false},
+                                           {"imsi", "3102601234", true},  // a prefix
+                                           {"imsi", "3102601234567890", false},
+                                           {"gid", "bae0", true},
+                                           {"gid", "BAE1", false},
+                                           {"spn", "EXAMPLE MOBILE", true},
+                                           {"spn", "Example", false},
+                                           {"iccid", "89012601", true},
+                                           {"iccid", "89012602", false},
+                                           {"pnn", "Example Mobile", false}}) {
+        EXPECT_EQ(mvnoMatches(row.type, row.data, sim), row.matches) << row.type << " " << row.data;
+    }
+    EXPECT_FALSE(mvnoMatches("spn", "Example Mobile", SimIdentity()));
+}
+
+TEST_F(KivctlTest, ApplyApnsSelectsTheSimsEntriesAndDryRunChangesNothing) {
+    ASSERT_EQ(kivctl({"list"}).status, kOk);
+    const std::string untouched = readState();
+    auto r = kivctl({"apply-apns", example, "--mcc", "001", "--mnc", "01", "--dry-run"});
     ASSERT_EQ(r.status, kOk) << r.err;
-    EXPECT_NE(r.out.find("used 5 of 7 entries, skipped 2 (1 MVNO entry, 1 other carrier)"),
-              std::string::npos)
+    EXPECT_TRUE(has(r.out,
+                    "used 5 of 7 entries, skipped 2 (1 MVNO entry not matching the SIM, "
+                    "1 other carrier); 1 warning\n"))
             << r.out;
-    EXPECT_NE(r.err.find("unknown APN type 'enterprise' skipped"), std::string::npos);
-    r = kivctl({"show", "1"});
-    EXPECT_NE(r.out.find("types           default,supl,dun"), std::string::npos) << r.out;
+    EXPECT_TRUE(has(r.out, "modem profiles that would be updated: 2\n"));
+    EXPECT_TRUE(has(r.out, "1    3gpp   internet       default,supl  default,supl,dun\n")) << r.out;
+    EXPECT_EQ(r.err,
+              "kivctl: warning: 'Example Enterprise' (001/01): unknown APN type "
+              "'enterprise' skipped\n");
+    EXPECT_EQ(readState(), untouched);
+    EXPECT_TRUE(has(kivctl({"show", "1"}).out, "types    default,supl\n"));
 
-    r = kivctl({"apply-apns", example, "--mcc", "001", "--mnc", "01", "--mvno-type", "spn",
-                "--mvno-match", "Example Mobile"});
-    EXPECT_NE(r.out.find("used 1 of 7"), std::string::npos) << r.out;
+    r = kivctl({"apply-apns", example, "--mcc", "001", "--mnc", "01", "--json"});
+    const json applied = json::parse(r.out);
+    EXPECT_EQ(applied["used"], 5);
+    EXPECT_EQ(applied["warnings"], 1);
+    EXPECT_EQ(applied["profilesUpdated"], 2);
+    EXPECT_EQ(applied["dryRun"], false);
+    EXPECT_EQ(applied["profiles"][0]["typesAfter"], json({"default", "supl", "dun"}));
+    EXPECT_TRUE(has(kivctl({"show", "1"}).out, "types    default,supl,dun\n"));
 
-    EXPECT_EQ(kivctl({"apply-apns", example, "--mcc", "999", "--mnc", "99"}).status, kBadInput);
-    EXPECT_EQ(kivctl({"apply-apns", example + ".missing", "--mcc", "1", "--mnc", "1"}).status,
-              kBadInput);
-    const std::string broken = state + ".xml";
-    std::ofstream(broken) << "<apns><apn mcc=\"001\"";
-    r = kivctl({"apply-apns", broken, "--mcc", "001", "--mnc", "01"});
+    // The SIM's MVNO entries replace the host's, whatever the letter case.
+    r = kivctl({"apply-apns", example, "--mcc", "001", "--mnc", "01", "--spn", "EXAMPLE mobile"});
+    EXPECT_TRUE(has(r.out, "used 1 of 7")) << r.out;
+
+    // A carrier served only through MVNOs says what names the SIM.
+    const std::string mvnoOnly = write(state + ".xml", R"(<apns>
+        <apn mcc="002" mnc="02" apn="a" type="default" mvno_type="spn" mvno_match_data="A" />
+        <apn mcc="002" mnc="02" apn="b" type="default" mvno_type="gid" mvno_match_data="b0" />
+        </apns>)");
+    r = kivctl({"apply-apns", mvnoOnly, "--mcc", "002", "--mnc", "02"});
     EXPECT_EQ(r.status, kBadInput);
-    EXPECT_NE(r.err.find("cannot read"), std::string::npos);
-    remove(broken.c_str());
+    EXPECT_EQ(r.err, "kivctl: carrier 002/02 has only MVNO entries in " + mvnoOnly +
+                             ": name the SIM with --gid1 HEX, --spn NAME\n");
+    r = kivctl({"apply-apns", mvnoOnly, "--mcc", "002", "--mnc", "02", "--gid1", "B0FF"});
+    EXPECT_EQ(r.status, kOk) << r.err;
+    remove(mvnoOnly.c_str());
 }
 
-TEST_F(KivctlTest, ShellHandlesOutliveCommandsUntilDropped) {
-    const auto r = kivctl({"shell"},
-                          "add --temporary --apn t1\n"
-                          "find --apn t1\n"
-                          "drop #1\n"
-                          "find --kiv yes\n"
-                          "drop #2\n"
-                          "drop #2\n"
-                          "list\n");
-    EXPECT_EQ(r.status, kBadInput);  // the second drop of #2
-    EXPECT_NE(r.out.find("added: profile 4 (3gpp) as #1"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("#2   4    3gpp"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("#3   4    3gpp"), std::string::npos) << r.out;  // still there
-    EXPECT_NE(r.err.find("no handle #2"), std::string::npos);
-    // #3 went with the shell; the temporary profile with it.
-    EXPECT_EQ(kivctl({"find", "--apn", "t1"}).out.find("t1"), std::string::npos);
-}
-
-TEST_F(KivctlTest, BadInputOneLineAndStateUntouched) {
+TEST_F(KivctlTest, BadInputOneLineNamingTheCauseStateUntouched) {
     ASSERT_EQ(kivctl({"list"}).status, kOk);
     const std::string before = readState();
-    const std::vector<std::vector<std::string>> bad = {
-            {"bogus"},
-            {"list", "--bogus"},
-            {"add", "--max-conns", "lots"},
-            {"add", "--max-conns", "70000"},
-            {"add", "--ip", "v5"},
-            {"add", "--types", "default,warp"},
-            {"show", "200"},
-            {"show"},
-            {"modem", "explode"},
-            {"add", "--apn"},
+    struct Row {
+        std::vector<std::string> args;
+        int status;
+        std::string words;
     };
-    for (const auto& args : bad) {
-        const auto r = kivctl(args);
-        EXPECT_EQ(r.status, kBadInput) << args[0];
-        EXPECT_EQ(lines(r.err), 1u) << r.err;
-        EXPECT_EQ(readState(), before);
+    const std::vector<Row> rows = {
+            {{"bogus"}, kBadInput, "unknown command 'bogus'"},
+            {{}, kBadInput, "no command"},
+            {{"list", "--bogus"}, kBadInput, "unknown option '--bogus'"},
+            {{"list", "--json", "--json"}, kBadInput, "option --json given twice"},
+            {{"list", "extra"}, kBadInput, "unexpected argument 'extra'"},
+            {{"add", "--apn", "--user", "me"}, kBadInput, "option --apn needs NAME"},
+            {{"add", "--apn"}, kBadInput, "option --apn needs NAME"},
+            {{"add", "--max-conns", "lots"}, kBadInput, "for --max-conns (0 to 65535)"},
+            {{"add", "--max-conns", "70000"}, kBadInput, "for --max-conns (0 to 65535)"},
+            {{"show", "0"}, kBadInput, "for a profile id (1 to 255)"},
+            {{"show"}, kBadInput, "show needs more"},
+            {{"show", "#1"}, kBadInput, "in the shell only"},
+            {{"delete", "1", "--tech", "4g"}, kBadInput, "'4g' for --tech (3gpp|3gpp2)"},
+            {{"add", "--ip", "v5"}, kBadInput, "'v5' for --ip (v4|v6|v4v6)"},
+            {{"add", "--types", "default,warp"}, kBadInput, "unknown APN type 'warp'"},
+            {{"add", "--apn", std::string(151, 'a')}, kBadInput, "the modem holds at most 150"},
+            {{"add", "--user", std::string(128, 'u')}, kBadInput, "--user holds 128 bytes"},
+            {{"add", "--password", std::string(128, 'p')}, kBadInput, "at most 127"},
+            {{"add", "--apn", "a\nb"}, kBadInput, "--apn holds a control character ('\\x0A')"},
+            {{"add", "--apn", "\xff"}, kBadInput, "--apn is not UTF-8"},
+            {{"find", "--user", "\x1b[31m"}, kBadInput, "control character ('\\x1B')"},
+            {{"add", "--tech", "3gpp2", "--attach"}, kBadInput, "--attach is not for 3GPP2"},
+            {{"add", "--tech", "3gpp2", "--wait-time", "3"}, kBadInput, "--wait-time is not for"},
+            {{"add", "--tech", "3gpp2", "--max-conns", "3"}, kBadInput, "--max-conns is not for"},
+            {{"add", "--tech", "3gpp2", "--max-conns-time", "3"}, kBadInput, "is not for 3GPP2"},
+            {{"modify", "101", "--roam-ip", "v6"}, kBadInput, "--roam-ip is not for 3GPP2"},
+            {{"modify", "101", "--disabled", "yes"}, kBadInput, "--disabled is not for 3GPP2"},
+            {{"modify", "101", "--emergency", "yes"}, kBadInput, "--emergency is not for 3GPP2"},
+            {{"apply-apns", example, "--mcc", "999", "--mnc", "99"},
+             kBadInput,
+             "no entries for carrier 999/99"},
+            {{"apply-apns", "/nonexistent.xml", "--mcc", "1", "--mnc", "1"},
+             kBadInput,
+             "cannot read /nonexistent.xml: No such file or directory"},
+            {{"apply-apns", example}, kBadInput, "needs --mcc and --mnc"},
+            {{"watch"}, kBadInput, "watch needs the modem service"},
+            {{"modem", "explode"}, kBadInput, "unknown modem action 'explode'"},
+            {{"modem", "fail", "warp"}, kBadInput, "unknown request kind 'warp'"},
+            {{"modem", "send", "raw", "1", "abc"}, kBadInput, "pairs of hex digits"},
+            {{"help", "bogus"}, kBadInput, "unknown command 'bogus'"},
+            {{"--instance", "256", "list"}, kBadInput, "for --instance (0 to 255)"},
+            {{"--no-service", "--timeout", "100", "list"},
+             kRefused,
+             "did not come up within 100 ms (its service is down)"},
+    };
+    for (const auto& row : rows) {
+        const auto r = kivctl(row.args);
+        const std::string line = testing::PrintToString(row.args);
+        EXPECT_EQ(r.status, row.status) << line << ": " << r.err;
+        EXPECT_EQ(lines(r.err), 1u) << line << ": " << r.err;
+        EXPECT_TRUE(has(r.err, row.words)) << line << ": " << r.err;
+        EXPECT_EQ(r.out, "") << line;
+        EXPECT_EQ(readState(), before) << line;
     }
-    std::ofstream(state) << "[profile 3gpp 1]\nmystery = 1\n";
-    const std::string malformed = readState();
-    auto r = kivctl({"list"});
-    EXPECT_EQ(r.status, kBadInput);
-    EXPECT_NE(r.err.find("malformed modem state"), std::string::npos);
-    EXPECT_EQ(readState(), malformed);
-    remove(state.c_str());
 
-    r = kivctl({"--no-service", "--timeout", "100", "list"});
-    EXPECT_EQ(r.status, kRefused);
-    EXPECT_EQ(r.err, "kivctl: the modem did not come up within 100 ms\n");
-    for (const char* command : {"list", "add", "find", "apply-apns", "modem", "shell"}) {
-        r = kivctl({command, "--help"});
-        EXPECT_EQ(r.status, kOk);
-        EXPECT_EQ(r.out.rfind("usage: kivctl ", 0), 0u) << command;
-    }
+    // Where the table lives is never a guess.
+    std::vector<std::string> noState = {"--modem-state", "", "list"};
+    std::ostringstream out, err;
+    std::istringstream in;
+    EXPECT_EQ(run(noState, in, out, err), kBadInput);
+    EXPECT_TRUE(has(err.str(), "--modem-state needs FILE, not an empty word")) << err.str();
+    unsetenv("HOME");
+    unsetenv("XDG_STATE_HOME");
+    err.str("");
+    EXPECT_EQ(run({"list"}, in, out, err), kBadInput);
+    EXPECT_TRUE(has(err.str(), "set HOME or XDG_STATE_HOME, or give --modem-state FILE"));
+
+    std::ofstream(state) << "{\"profiles\": [{\"type\": \"3gpp\"}]}";
+    const std::string malformed = readState();
+    const auto r = kivctl({"list"});
+    EXPECT_EQ(r.status, kBadInput);
+    EXPECT_TRUE(has(r.err, "malformed modem state")) << r.err;
+    EXPECT_EQ(readState(), malformed);
 }
 
-TEST_F(KivctlTest, ModemRestartKeepsPersistentProfiles) {
-    auto r = kivctl({"shell"},
-                    "add --temporary --apn temp\n"
-                    "add --apn kept\n"
-                    "modem restart\n"
-                    "list\n");
+TEST_F(KivctlTest, JsonOutputIsJsonForEveryCommand) {
+    const std::vector<std::vector<std::string>> commands = {
+            {"list"},
+            {"add", "--apn", "j\xc3\xa9", "--types", "default,mms", "--auth", "pap_chap"},
+            {"modify", "4", "--user", "u"},
+            {"show", "4"},
+            {"find", "--apn", "j\xc3\xa9"},
+            {"attach", "--apn", "internet"},
+            {"data-call", "--apn", "ims"},
+            {"emergency"},
+            {"apply-apns", example, "--mcc", "001", "--mnc", "01", "--dry-run"},
+            {"dump"},
+            {"modem", "status"},
+            {"modem", "restart"},
+            {"modem", "fail", "create"},
+            {"delete", "4"},
+            {"help"},
+            {"list", "--help"},
+            {"--version"},
+    };
+    for (const auto& command : commands) {
+        auto args = command;
+        args.push_back("--json");
+        const auto r = kivctl(args);
+        ASSERT_EQ(r.status, kOk) << command[0] << ": " << r.err;
+        const auto docs = documents(r.out);
+        ASSERT_EQ(docs.size(), 1u) << r.out;
+        EXPECT_TRUE(docs[0].is_object()) << r.out;
+    }
+    const json added =
+            json::parse(kivctl({"add", "--apn", "x", "--auth", "pap_chap", "--json"}).out);
+    EXPECT_EQ(added["action"], "added");
+    EXPECT_EQ(added["profile"]["auth"], "pap_chap");
+
+    // The shell answers each line with a document, help and handles too.
+    const auto r = kivctl({"shell", "--json"}, "add --temporary --apn s\nhandles\ndrop #1\nhelp\n");
     ASSERT_EQ(r.status, kOk) << r.err;
-    EXPECT_NE(r.out.find("modem restarted: 5 profiles on the modem"), std::string::npos) << r.out;
-    EXPECT_EQ(r.out.find("temp "), std::string::npos);
-    EXPECT_NE(r.out.find("kept"), std::string::npos);
-    r = kivctl({"modem", "reset"});
-    EXPECT_EQ(r.out, "modem reset: 4 profiles on the modem\n");
+    const auto docs = documents(r.out);
+    ASSERT_EQ(docs.size(), 4u) << r.out;
+    EXPECT_EQ(docs[1]["handles"][0]["apn"], "s");
+    EXPECT_EQ(docs[2]["dropped"], "#1");
+    EXPECT_TRUE(docs[3].contains("help"));
+}
+
+TEST_F(KivctlTest, ShellKeepsOneHandlePerProfileAndNamesLines) {
+    auto r = kivctl({"shell"},
+                    "add --temporary --apn t1\r\n"
+                    "modify #1 --user me\r\n"
+                    "find --apn t1\n"
+                    "\n"
+                    "drop #1\n"
+                    "drop #1\n"
+                    "show \x1b[31m\n");
+    EXPECT_EQ(r.status, kBadInput);
+    EXPECT_TRUE(has(r.out, "added: profile 4 (3gpp) as #1\nmodified: profile 4 (3gpp) as #1\n"))
+            << r.out;
+    EXPECT_TRUE(has(r.out, "#1  4   3gpp  t1")) << r.out;
+    EXPECT_EQ(r.err,
+              "kivctl: line 6: no handle #1\n"
+              "kivctl: line 7: bad number '\\x1B[31m' for a profile id (1 to 255)\n");
+    // The temporary profile went with its handle.
+    EXPECT_EQ(lines(kivctl({"find", "--apn", "t1"}).out), 1u);
+
+    // After a restart a handle says it is stale; finding the profile again
+    // gives the handle a live key.
+    r = kivctl({"shell"},
+               "add --apn kept\n"
+               "add --temporary --apn temp\n"
+               "modem restart\n"
+               "show #1\n"
+               "show #2\n"
+               "find --apn kept\n"
+               "show #1\n");
+    EXPECT_EQ(r.status, kRefused);
+    EXPECT_TRUE(has(r.out, "modem restarted: 5 profiles on the modem\n")) << r.out;
+    EXPECT_TRUE(has(r.err, "kivctl: line 4: #1 no longer names a profile")) << r.err;
+    EXPECT_TRUE(has(r.err, "kivctl: line 5: #2 no longer names a profile")) << r.err;
+    EXPECT_EQ(lines(r.err), 2u) << r.err;
+    EXPECT_TRUE(has(r.out, "profile 4 (3gpp)\n  apn    kept\n")) << r.out;
+    EXPECT_EQ(kivctl({"modem", "reset"}).out, "modem reset: 4 profiles on the modem\n");
 }
 
 }  // namespace

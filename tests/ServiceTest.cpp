@@ -423,6 +423,13 @@ TEST_F(KivctlTest, StateFileFaultsNothingLostNothingCorruptNoFalseSuccess) {
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "kivctl: " + dir + "/folder.state is not a regular file\n");
 
+    // A table the user may not read: refused with the system's reason.
+    fs::permissions(dir + "/target.state", fs::perms::owner_read | fs::perms::owner_write);
+    result = embedded({"list"}, nobody);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("Permission denied"), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("malformed"), std::string::npos) << result.err;
+
     // A damaged or oversized table is refused, and left as it is.
     for (const std::string& text :
          {read(state).substr(0, read(state).rfind("\n  ]")),

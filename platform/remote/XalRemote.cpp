@@ -288,6 +288,10 @@ class Transport {
         kiv::MutexLock guard(mLock);
         if (!isLiveLocked(client) || client->notifier) return XAL_CLIENT_INVALID_CLNT;
         if (client->lost || !client->connected) return XAL_SERVICE_ERR;
+        if (mRehearsing && msgId == XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 &&
+            requestLength == sizeof(wds_modify_profile_settings_req_msg_v01)) {
+            return rehearseLocked(client, request, response, responseLength);
+        }
         seq = ++client->nextSeq;
         client->awaited[seq] = &answer;
         const bool onEventThread = std::this_thread::get_id() == mThreadId;
@@ -360,6 +364,11 @@ class Transport {
     size_t registeredClients() {
         kiv::MutexLock guard(mLock);
         return registeredLocked();
+    }
+
+    void setRehearsal(bool on) {
+        kiv::MutexLock guard(mLock);
+        mRehearsing = on;
     }
 
     size_t answered(unsigned int msgId) {
@@ -444,6 +453,26 @@ class Transport {
             count += !client->notifier && !client->lost && client->registered;
         }
         return count;
+    }
+
+    // A modify the modem accepts, without the modem: the answer, and the
+    // echo a modem sends after it.
+    xal_client_error_type rehearseLocked(xal_client_type client, const void* request,
+                                         void* response, unsigned int responseLength)
+            REQUIRES(mLock) {
+        wds_modify_profile_settings_req_msg_v01 modify;
+        memcpy(&modify, request, sizeof(modify));
+        memset(response, 0, responseLength);
+        ++mAnswered[XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01];
+        wds_profile_changed_ind_type_v01 echo{};
+        echo.profile_type = modify.profile.profile_type;
+        echo.profile_index = modify.profile.profile_index;
+        echo.profile_change_evt = WDS_PROFILE_EVENT_MODIFY_V01;
+        mDeferred.push_back({client,
+                             {EventKind::kIndication, 0, XAL_WDS_PROFILE_CHANGED_IND_V01,
+                              xalsim::encodeProfileChanged(&echo)}});
+        wakeLocked();
+        return XAL_NO_ERR;
     }
 
     void startLocked() REQUIRES(mLock) {
@@ -695,6 +724,7 @@ class Transport {
     std::vector<std::unique_ptr<xal_client_struct>> mReleased GUARDED_BY(mLock);
     std::deque<Deferred> mDeferred GUARDED_BY(mLock);
     std::map<unsigned int, size_t> mAnswered GUARDED_BY(mLock);
+    bool mRehearsing GUARDED_BY(mLock) = false;
     // The handle whose connection or callback the event thread is busy with.
     xal_client_type mBusy GUARDED_BY(mLock);
     // Some service client lost the service; the next one to connect says so.
@@ -731,6 +761,10 @@ size_t registeredClients() {
 
 bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout) {
     return Transport::instance().waitForRegistered(count, timeout);
+}
+
+void setRehearsal(bool on) {
+    Transport::instance().setRehearsal(on);
 }
 
 size_t answeredRequests(unsigned int msgId) {

@@ -46,6 +46,13 @@ bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout);
 // service (accepted or not).
 size_t answeredRequests(unsigned int msgId);
 
+// A rehearsal: while it is on, this process's modify requests do not reach
+// the service. Each is answered here as the modem accepts one (and counted
+// by answeredRequests), followed by its Modify indication; the caller's
+// view of the table is then the rehearsed one until it rereads it (kivctl
+// apply-apns --dry-run).
+void setRehearsal(bool on);
+
 // Returns once every event the service sent to this process's open clients
 // before the call has been delivered to their callbacks (true), or at the
 // time-out. Not on the event thread (from a callback): false.

@@ -19,7 +19,5 @@ nlohmann::ordered_json profileToJson(const Slot& slot, const Settings& settings)
 // False, with the reason, for anything but a well-formed profile.
 bool profileFromJson(const nlohmann::json& object, Slot* slot, Settings* settings,
                      std::string* error);
-// Whether the bytes are well-formed UTF-8.
-bool isUtf8(const std::string& text);
 
 }  // namespace xalsim

@@ -17,8 +17,8 @@
 #include <thread>
 #include <type_traits>
 
-#include "WdsSettingsFields.h"
 #include "SettingsJson.h"
+#include "WdsSettingsFields.h"
 
 namespace xalsim {
 

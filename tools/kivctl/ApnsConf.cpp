@@ -1,12 +1,16 @@
 #include "ApnsConf.h"
 
+#include <android-base/file.h>
+#include <android-base/parseint.h>
+#include <android-base/strings.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <cstring>
 #include <memory>
-#include <sstream>
+
+#include "ProfileOptions.h"
 
 namespace kivctl {
 
@@ -24,12 +28,6 @@ std::optional<std::string> attribute(xmlNode* node, const char* name) {
     return text;
 }
 
-std::string trim(const std::string& text) {
-    const size_t first = text.find_first_not_of(" \t\r\n");
-    if (first == std::string::npos) return "";
-    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
-}
-
 std::optional<kiv::IPType> protocolByName(const std::string& name) {
     if (name == "IP") return kiv::IPType::V4;
     if (name == "IPV6") return kiv::IPType::V6;
@@ -38,12 +36,13 @@ std::optional<kiv::IPType> protocolByName(const std::string& name) {
 }
 
 std::optional<int32_t> number(const std::string& text) {
-    if (text.empty()) return std::nullopt;
-    errno = 0;
-    char* end = nullptr;
-    const long value = strtol(text.c_str(), &end, 10);
-    if (errno != 0 || *end != '\0' || value < INT32_MIN || value > INT32_MAX) return std::nullopt;
-    return static_cast<int32_t>(value);
+    int32_t value = 0;
+    if (!android::base::ParseInt(text, &value)) return std::nullopt;
+    return value;
+}
+
+bool equalIgnoringCase(const std::string& a, const std::string& b) {
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 // Turns one <apn> element into a record; unknown values are skipped with a
@@ -60,10 +59,8 @@ ApnEntry toEntry(xmlNode* node, std::vector<std::string>& warnings) {
     if (auto apn = attribute(node, "apn")) p.setApnName(*apn);
     if (auto types = attribute(node, "type")) {
         uint32_t mask = 0;
-        std::stringstream list(*types);
-        std::string name;
-        while (std::getline(list, name, ',')) {
-            name = trim(name);
+        for (auto name : android::base::Split(*types, ",")) {
+            name = android::base::Trim(name);
             if (name.empty()) continue;
             if (auto bit = apnTypeByName(name)) {
                 mask |= *bit;
@@ -117,37 +114,43 @@ ApnEntry toEntry(xmlNode* node, std::vector<std::string>& warnings) {
 
 }  // namespace
 
-std::optional<uint32_t> apnTypeByName(const std::string& name) {
-    static const std::map<std::string, uint32_t> kTypes = {{"default", kiv::APN_TYPE_DEFAULT},
-                                                           {"mms", kiv::APN_TYPE_MMS},
-                                                           {"supl", kiv::APN_TYPE_SUPL},
-                                                           {"dun", kiv::APN_TYPE_DUN},
-                                                           {"hipri", kiv::APN_TYPE_HIPRI},
-                                                           {"fota", kiv::APN_TYPE_FOTA},
-                                                           {"ims", kiv::APN_TYPE_IMS},
-                                                           {"cbs", kiv::APN_TYPE_CBS},
-                                                           {"ia", kiv::APN_TYPE_IA},
-                                                           {"emergency", kiv::APN_TYPE_EMERGENCY},
-                                                           {"mcx", kiv::APN_TYPE_MCX},
-                                                           {"xcap", kiv::APN_TYPE_XCAP},
-                                                           {"*", 0xFFF}};
-    std::string lower;
-    for (char c : name) lower += static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
-    auto it = kTypes.find(lower);
-    if (it == kTypes.end()) return std::nullopt;
-    return it->second;
+bool mvnoMatches(const std::string& type, const std::string& matchData, const SimIdentity& sim) {
+    if (type == "spn") return sim.spn && equalIgnoringCase(*sim.spn, matchData);
+    if (type == "imsi") {
+        // Each x stands for any digit; the pattern covers the IMSI's start.
+        if (!sim.imsi || sim.imsi->size() < matchData.size()) return false;
+        for (size_t i = 0; i < matchData.size(); ++i) {
+            const char c = matchData[i];
+            if (c != 'x' && c != 'X' && c != (*sim.imsi)[i]) return false;
+        }
+        return true;
+    }
+    if (type == "gid") {
+        return sim.gid1 && sim.gid1->size() >= matchData.size() &&
+               equalIgnoringCase(sim.gid1->substr(0, matchData.size()), matchData);
+    }
+    if (type == "iccid") return sim.iccid && android::base::StartsWith(*sim.iccid, matchData);
+    return false;
 }
 
 ApnsConfResult ApnsConf::read(const std::string& path,
                               const std::optional<CarrierSelection>& selection) {
     ApnsConfResult result;
+    std::string text;
+    if (!android::base::ReadFileToString(path, &text, /*follow_symlinks=*/true)) {
+        result.error = "cannot read " + path + ": " + strerror(errno);
+        return result;
+    }
     // No network access, no entity expansion; errors are reported below.
-    std::unique_ptr<xmlDoc, XmlDocDeleter> doc(xmlReadFile(
-            path.c_str(), nullptr, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+    std::unique_ptr<xmlDoc, XmlDocDeleter> doc(
+            xmlReadMemory(text.data(), static_cast<int>(text.size()), path.c_str(), nullptr,
+                          XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
     if (!doc) {
         const xmlError* error = xmlGetLastError();
-        result.error = "cannot read " + path + ": " +
-                       (error && error->message ? trim(error->message) : "not well-formed XML");
+        result.error = path + " is not well-formed XML" +
+                       (error && error->message ? " (line " + std::to_string(error->line) + ": " +
+                                                          android::base::Trim(error->message) + ")"
+                                                : std::string());
         return result;
     }
     xmlNode* root = xmlDocGetRootElement(doc.get());
@@ -155,31 +158,42 @@ ApnsConfResult ApnsConf::read(const std::string& path,
         result.error = path + " is not an APN list (no <apns> root element)";
         return result;
     }
+    // The carrier's entries: those of the host network, and those of MVNOs
+    // that match the SIM.
+    std::vector<xmlNode*> host, mvno;
     for (xmlNode* node = root->children; node != nullptr; node = node->next) {
         if (node->type != XML_ELEMENT_NODE ||
             xmlStrcmp(node->name, reinterpret_cast<const xmlChar*>("apn")) != 0) {
             continue;
         }
         ++result.total;
-        if (selection) {
-            if (attribute(node, "mcc").value_or("") != selection->mcc ||
-                attribute(node, "mnc").value_or("") != selection->mnc) {
-                ++result.skipped["other carrier"];
-                continue;
-            }
-            const auto mvnoType = attribute(node, "mvno_type");
-            if (selection->mvnoType) {
-                if (mvnoType != selection->mvnoType ||
-                    (selection->mvnoMatchData &&
-                     attribute(node, "mvno_match_data") != selection->mvnoMatchData)) {
-                    ++result.skipped["other MVNO or the host network"];
-                    continue;
-                }
-            } else if (mvnoType) {
-                ++result.skipped["MVNO entry"];
-                continue;
-            }
+        if (!selection) {
+            host.push_back(node);
+            continue;
         }
+        if (attribute(node, "mcc").value_or("") != selection->mcc ||
+            attribute(node, "mnc").value_or("") != selection->mnc) {
+            ++result.skipped["other carrier"];
+            continue;
+        }
+        const auto type = attribute(node, "mvno_type");
+        if (!type) {
+            host.push_back(node);
+            continue;
+        }
+        result.mvnoTypes.insert(*type);
+        if (mvnoMatches(*type, attribute(node, "mvno_match_data").value_or(""), selection->sim)) {
+            mvno.push_back(node);
+        } else {
+            ++result.skipped["MVNO entry not matching the SIM"];
+        }
+    }
+    // A SIM of an MVNO uses its MVNO's entries instead of the host network's.
+    if (!mvno.empty() && !host.empty()) {
+        result.skipped["host network entry (the SIM's MVNO has its own)"] +=
+                static_cast<int>(host.size());
+    }
+    for (xmlNode* node : mvno.empty() ? host : mvno) {
         auto entry = toEntry(node, result.warnings);
         if (!entry.params.hasApnName()) {
             ++result.skipped["no APN name"];

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -11,13 +12,22 @@
 
 namespace kivctl {
 
+// What a SIM says about itself, for the entries of MVNOs (mobile virtual
+// network operators that share a host network's mcc/mnc).
+struct SimIdentity {
+    std::optional<std::string>
+            imsi;  // the full IMSI; mvno_type "imsi" patterns may hold x wildcards
+    std::optional<std::string> gid1;   // hex; mvno_type "gid" is a prefix, any case
+    std::optional<std::string> spn;    // the service provider name, any case
+    std::optional<std::string> iccid;  // mvno_type "iccid" is a prefix
+
+    bool empty() const { return !imsi && !gid1 && !spn && !iccid; }
+};
+
 struct CarrierSelection {
     std::string mcc;
     std::string mnc;
-    // When given, only the MVNO entries with this type and match data are
-    // used; otherwise only the entries without an MVNO type.
-    std::optional<std::string> mvnoType;
-    std::optional<std::string> mvnoMatchData;
+    SimIdentity sim;
 };
 
 struct ApnEntry {
@@ -33,15 +43,18 @@ struct ApnsConfResult {
     std::vector<ApnEntry> entries;       // the selected entries, in file order
     std::map<std::string, int> skipped;  // reason -> count
     std::vector<std::string> warnings;   // one per unknown value met
+    std::set<std::string> mvnoTypes;     // the MVNO types of the carrier's entries
     int total = 0;                       // <apn> elements in the file
 };
 
-// APN type bits by their Android names ("default", "ims", ...; "*" is all).
-std::optional<uint32_t> apnTypeByName(const std::string& name);
+// Whether a SIM is the MVNO an entry names, as Android devices decide it.
+bool mvnoMatches(const std::string& type, const std::string& matchData, const SimIdentity& sim);
 
 class ApnsConf {
   public:
-    // Every entry of the file when selection is empty.
+    // The carrier's entries as a device with that SIM uses them: the MVNO
+    // entries that match the SIM when any does, else the entries without an
+    // MVNO type. Every entry of the file when selection is empty.
     static ApnsConfResult read(const std::string& path,
                                const std::optional<CarrierSelection>& selection);
 };

@@ -6,14 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "Errors.h"
+
 namespace kivctl {
 
-// Exit statuses.
-inline constexpr int kOk = 0;
-inline constexpr int kRefused = 1;   // the modem or the library refused
-inline constexpr int kBadInput = 2;  // unknown command or option, bad value, unknown profile...
-
-// Runs one command line (without the program name).
+// Runs one command line (without the program name); returns the exit status.
 int run(const std::vector<std::string>& args, std::istream& in, std::ostream& out,
         std::ostream& err);
 

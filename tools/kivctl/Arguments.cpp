@@ -1,0 +1,103 @@
+#include "Arguments.h"
+
+#include <android-base/parseint.h>
+#include <android-base/strings.h>
+
+#include <cctype>
+
+#include "Errors.h"
+#include "Utf8.h"
+
+namespace kivctl {
+
+std::string printable(const std::string& text) {
+    static const char kDigits[] = "0123456789ABCDEF";
+    // UTF-8 text stays as it is, apart from its control characters (C0, DEL
+    // and C1); in text that is not UTF-8, every byte above ASCII is escaped.
+    const bool utf8 = kiv::isUtf8(text);
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        const bool c1 =
+                c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
+        if ((c >= 0x20 && c < 0x7F && c != '\\') || (c >= 0x80 && utf8 && !c1)) {
+            out += static_cast<char>(c);
+            continue;
+        }
+        const size_t width = c1 ? 2 : 1;
+        for (size_t k = 0; k < width; ++k) {
+            const auto b = static_cast<unsigned char>(text[i + k]);
+            out += "\\x";
+            out += kDigits[b >> 4];
+            out += kDigits[b & 0xF];
+        }
+        i += width - 1;
+    }
+    return out;
+}
+
+Arguments Arguments::parse(const std::vector<std::string>& words,
+                           const std::vector<OptionSpec>& options) {
+    Arguments result;
+    auto spec = [&](const std::string& name) -> const OptionSpec* {
+        for (const auto& option : options) {
+            if (name == option.name) return &option;
+        }
+        return nullptr;
+    };
+    bool onlyArguments = false;
+    for (size_t i = 0; i < words.size(); ++i) {
+        const std::string& word = words[i];
+        if (onlyArguments || word.empty() || word[0] != '-' || word == "-") {
+            result.mPositionals.push_back(word);
+            continue;
+        }
+        if (word == "--") {
+            onlyArguments = true;
+            continue;
+        }
+        const size_t equals = word.find('=');
+        std::string name = word.substr(0, equals);
+        if (name == "-h") name = "--help";
+        const OptionSpec* option = spec(name);
+        if (option == nullptr || !android::base::StartsWith(name, "--")) {
+            throw UsageError("unknown option " + quote(name));
+        }
+        if (result.has(name)) throw UsageError("option " + name + " given twice");
+        std::optional<std::string> value;
+        if (option->value == nullptr) {
+            if (equals != std::string::npos) throw UsageError("option " + name + " takes no value");
+        } else if (equals != std::string::npos) {
+            value = word.substr(equals + 1);
+        } else if (i + 1 < words.size() && !(words[i + 1].size() > 1 && words[i + 1][0] == '-')) {
+            value = words[++i];
+        } else {
+            throw UsageError("option " + name + " needs " + option->value + " (write " + name +
+                             "=VALUE for a value that starts with '-')");
+        }
+        if (value && value->empty()) {
+            throw UsageError("option " + name + " needs " + option->value + ", not an empty word");
+        }
+        result.mValues[name] = std::move(value);
+    }
+    return result;
+}
+
+std::optional<std::string> Arguments::value(const std::string& name) const {
+    auto it = mValues.find(name);
+    return it == mValues.end() ? std::nullopt : it->second;
+}
+
+int parseNumber(const std::string& text, const std::string& what, int low, int high) {
+    int value = 0;
+    // Digits only (or 0x and hex digits): no sign for a bound of 0, no spaces.
+    const bool plain = !text.empty() && (isdigit(static_cast<unsigned char>(text[0])) ||
+                                         (text[0] == '-' && low < 0));
+    if (!plain || !android::base::ParseInt(text, &value, low, high)) {
+        throw UsageError("bad number " + quote(text) + " for " + what + " (" + std::to_string(low) +
+                         " to " + std::to_string(high) + ")");
+    }
+    return value;
+}
+
+}  // namespace kivctl

@@ -1,0 +1,40 @@
+// One command line, parsed against the options it may hold.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kivctl {
+
+struct OptionSpec {
+    const char* name;   // "--apn"
+    const char* value;  // what the value is called in help ("NAME"); null for a flag
+    const char* help;   // one line
+};
+
+// Options are written "--name value" or "--name=value"; a value is never
+// another option, so a value that starts with "-" is written "--name=-1".
+// "-h" is "--help"; after "--" every word is an argument. Each option may be
+// given once. Anything else is bad input (UsageError).
+class Arguments {
+  public:
+    static Arguments parse(const std::vector<std::string>& words,
+                           const std::vector<OptionSpec>& options);
+
+    bool has(const std::string& name) const { return mValues.count(name) != 0; }
+    // The option's value; none when it was not given (or is a flag).
+    std::optional<std::string> value(const std::string& name) const;
+    const std::vector<std::string>& positionals() const { return mPositionals; }
+
+  private:
+    std::map<std::string, std::optional<std::string>> mValues;
+    std::vector<std::string> mPositionals;
+};
+
+// Numbers typed by the user, within [low, high]; the message names what the
+// number is for and the range.
+int parseNumber(const std::string& text, const std::string& what, int low, int high);
+
+}  // namespace kivctl

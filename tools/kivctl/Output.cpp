@@ -1,0 +1,158 @@
+#include "Output.h"
+
+#include <android-base/strings.h>
+
+#include <algorithm>
+
+#include "Errors.h"
+#include "ProfileOptions.h"
+
+namespace kivctl {
+
+using nlohmann::ordered_json;
+
+namespace {
+
+// A cell of the table: the value, or "-" when the profile does not hold it.
+template <typename T, typename Show>
+std::string cell(bool present, const T& value, Show show) {
+    return present ? show(value) : "-";
+}
+
+std::string joined(const std::vector<std::string>& names) {
+    return names.empty() ? "-" : android::base::Join(names, ',');
+}
+
+// How many columns a cell takes: one per character of its UTF-8 text.
+size_t columns(const std::string& cell) {
+    return static_cast<size_t>(std::count_if(cell.begin(), cell.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+    }));
+}
+
+}  // namespace
+
+std::vector<std::string> flagsOf(const ProfileView& view) {
+    std::vector<std::string> flags;
+    const kiv::ProfileParams& p = view.params;
+    if (p.getIsKivProfile()) flags.emplace_back("library");
+    if (p.getIsIAProfile()) flags.emplace_back("attach");
+    if (view.persistent) flags.emplace_back("persistent");
+    if (p.hasIsEmergencySupported() && p.getIsEmergencySupported()) flags.emplace_back("emergency");
+    if (p.hasIsApnDisabled() && p.getIsApnDisabled()) flags.emplace_back("disabled");
+    if (p.hasIsClatEnabled() && p.getIsClatEnabled()) flags.emplace_back("clat");
+    return flags;
+}
+
+ordered_json profileJson(const ProfileView& view) {
+    const kiv::ProfileParams& p = view.params;
+    auto optional = [](bool present, auto value) {
+        return present ? ordered_json(value) : ordered_json();
+    };
+    ordered_json out;
+    out["id"] = view.id;
+    out["tech"] = techName(view.tech);
+    if (view.handle) out["handle"] = "#" + std::to_string(view.handle);
+    out["apn"] = optional(p.hasApnName(), p.getApnName());
+    out["homeIp"] = optional(p.hasHomeIPType(), ipName(p.getHomeIPType()));
+    out["roamIp"] = optional(p.hasRoamIPType(), ipName(p.getRoamIPType()));
+    out["types"] = optional(p.hasApnTypesMask(), typeNames(p.getApnTypesMask()));
+    out["auth"] = optional(p.hasAuthType(), authName(p.getAuthType()));
+    out["class"] = optional(p.hasApnClass(), className(p.getApnClass()));
+    out["user"] = optional(p.hasUserName(), p.getUserName());
+    out["maxConns"] = optional(p.hasMaxPdnsConnPerBlock(), p.getMaxPdnsConnPerBlock());
+    out["maxConnsTime"] = optional(p.hasMaxPdnConnTimer(), p.getMaxPdnConnTimer());
+    out["waitTime"] = optional(p.hasPdnReqWaitInterval(), p.getPdnReqWaitInterval());
+    out["flags"] = flagsOf(view);
+    return out;
+}
+
+void printJson(std::ostream& out, const ordered_json& document) {
+    out << document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+}
+
+void printHelp(std::ostream& out, bool json, const std::string& text) {
+    if (json) {
+        printJson(out, {{"help", text}});
+    } else {
+        out << text;
+    }
+}
+
+void printTable(std::ostream& out, const std::vector<std::vector<std::string>>& rows) {
+    std::vector<size_t> widths;
+    for (const auto& row : rows) {
+        if (widths.size() < row.size()) widths.resize(row.size());
+        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], columns(row[i]));
+    }
+    for (const auto& row : rows) {
+        std::string line;
+        for (size_t i = 0; i < row.size(); ++i) {
+            line += row[i];
+            if (i + 1 < row.size()) line += std::string(widths[i] - columns(row[i]) + 2, ' ');
+        }
+        out << line << "\n";
+    }
+}
+
+void printProfiles(std::ostream& out, const std::vector<ProfileView>& views) {
+    const bool withHandles = std::any_of(views.begin(), views.end(),
+                                         [](const ProfileView& view) { return view.handle != 0; });
+    std::vector<std::vector<std::string>> rows;
+    std::vector<std::string> header = {"ID",    "TECH", "APN",   "HOME", "ROAM",
+                                       "TYPES", "AUTH", "CLASS", "FLAGS"};
+    if (withHandles) header.insert(header.begin(), "#");
+    rows.push_back(header);
+    for (const auto& view : views) {
+        const kiv::ProfileParams& p = view.params;
+        std::vector<std::string> row = {std::to_string(view.id),
+                                        techName(view.tech),
+                                        cell(p.hasApnName(), p.getApnName(), printable),
+                                        cell(p.hasHomeIPType(), p.getHomeIPType(), ipName),
+                                        cell(p.hasRoamIPType(), p.getRoamIPType(), ipName),
+                                        cell(p.hasApnTypesMask(), p.getApnTypesMask(),
+                                             [](uint32_t mask) { return joined(typeNames(mask)); }),
+                                        cell(p.hasAuthType(), p.getAuthType(), authName),
+                                        cell(p.hasApnClass(), p.getApnClass(), className),
+                                        joined(flagsOf(view))};
+        if (withHandles)
+            row.insert(row.begin(), view.handle ? "#" + std::to_string(view.handle) : "");
+        rows.push_back(std::move(row));
+    }
+    printTable(out, rows);
+}
+
+void printProfile(std::ostream& out, const ProfileView& view, const nlohmann::json& modemSettings) {
+    const kiv::ProfileParams& p = view.params;
+    out << "profile " << view.id << " (" << techName(view.tech) << ")"
+        << (view.handle ? " as #" + std::to_string(view.handle) : "") << "\n";
+    std::vector<std::vector<std::string>> rows;
+    auto line = [&rows](const char* name, bool present, const std::string& value) {
+        if (present) rows.push_back({"  " + std::string(name), value});
+    };
+    line("apn", p.hasApnName(), printable(p.getApnName()));
+    line("home ip", p.hasHomeIPType(), ipName(p.getHomeIPType()));
+    line("roam ip", p.hasRoamIPType(), ipName(p.getRoamIPType()));
+    line("types", p.hasApnTypesMask(), joined(typeNames(p.getApnTypesMask())));
+    line("auth", p.hasAuthType(), authName(p.getAuthType()));
+    line("user", p.hasUserName(), printable(p.getUserName()));
+    line("password", p.hasPassword(), printable(p.getPassword()));
+    line("class", p.hasApnClass(), className(p.getApnClass()));
+    line("max conns", p.hasMaxPdnsConnPerBlock(), std::to_string(p.getMaxPdnsConnPerBlock()));
+    line("max conns time", p.hasMaxPdnConnTimer(), std::to_string(p.getMaxPdnConnTimer()));
+    line("wait time", p.hasPdnReqWaitInterval(), std::to_string(p.getPdnReqWaitInterval()));
+    line("flags", true, joined(flagsOf(view)));
+    printTable(out, rows);
+    out << "on the modem:\n";
+    rows.clear();
+    for (const auto& [name, value] : modemSettings.items()) {
+        if (name == "type" || name == "index") continue;
+        rows.push_back(
+                {"  " + name,
+                 printable(value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace))});
+    }
+    if (rows.empty()) rows.push_back({"  (nothing: the profile is not on the modem)"});
+    printTable(out, rows);
+}
+
+}  // namespace kivctl

@@ -1,0 +1,40 @@
+// What kivctl prints: profiles as a table, one in full, or as JSON.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "ProfileParams.h"
+
+namespace kivctl {
+
+// One profile as the library sees it, with what the modem adds.
+struct ProfileView {
+    int id = 0;
+    kiv::TechType tech = kiv::TechType::TECH_3GPP;
+    kiv::ProfileParams params;
+    bool persistent = false;
+    int handle = 0;  // the shell's #N; 0: none
+};
+
+// "library", "attach", "persistent", "emergency", "disabled", "clat".
+std::vector<std::string> flagsOf(const ProfileView& view);
+
+nlohmann::ordered_json profileJson(const ProfileView& view);
+// One JSON document on one line; text that is not UTF-8 is replaced, never
+// written as invalid JSON.
+void printJson(std::ostream& out, const nlohmann::ordered_json& document);
+
+// A help text, or in JSON {"help": text}.
+void printHelp(std::ostream& out, bool json, const std::string& text);
+
+// A table with a header, each column as wide as its widest cell.
+void printTable(std::ostream& out, const std::vector<std::vector<std::string>>& rows);
+// The profiles as a table; the shell's handles first, when any has one.
+void printProfiles(std::ostream& out, const std::vector<ProfileView>& views);
+// One profile in full, then the settings the modem holds for it.
+void printProfile(std::ostream& out, const ProfileView& view, const nlohmann::json& modemSettings);
+
+}  // namespace kivctl

@@ -1,0 +1,40 @@
+// The options that describe a profile or a filter, how their values are
+// spelled, and what the modem can hold.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Arguments.h"
+#include "ProfileParams.h"
+
+namespace kivctl {
+
+// --apn, --user, --password, --auth, --ip, --roam-ip, --types, --class,
+// --clat, --disabled, --emergency, --max-conns, --max-conns-time, --wait-time.
+const std::vector<OptionSpec>& profileOptions();
+// What a filter adds: --id, --tech, --kiv, --attach-profile and the criteria.
+const std::vector<OptionSpec>& filterOptions();
+// Lists of options, joined.
+std::vector<OptionSpec> optionsOf(std::initializer_list<std::vector<OptionSpec>> lists);
+
+// The profile options given, into params. Text the modem cannot hold (too
+// long, control characters, not UTF-8) and options the technology does not
+// have are bad input.
+void readProfileOptions(const Arguments& args, kiv::ProfileParams& params, kiv::TechType tech);
+// The filter options given; a filter may ask for anything.
+void readFilterOptions(const Arguments& args, kiv::FilterProfileParams& filter);
+// --tech, when given.
+std::optional<kiv::TechType> techOption(const Arguments& args);
+
+// Values as they are typed, and back.
+std::string techName(kiv::TechType tech);
+std::string ipName(kiv::IPType type);
+std::string authName(kiv::AuthType type);
+std::string className(kiv::ApnClass apnClass);
+std::vector<std::string> typeNames(uint32_t mask);
+// APN type bits by their Android names ("default", "ims", ...; "*" is all).
+std::optional<uint32_t> apnTypeByName(const std::string& name);
+
+}  // namespace kivctl

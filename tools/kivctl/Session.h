@@ -1,0 +1,91 @@
+// The modem and the library for one run of kivctl: the modem service named
+// by --modem (or KIVR_MODEM), or else a modem service of kivctl's own on the
+// state file; the library on it; and the shell's handles.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "Manager.h"
+#include "Output.h"
+#include "ServiceControl.h"
+#include "Util.h"
+
+namespace kivctl {
+
+struct Globals {
+    std::string statePath;    // the embedded modem's table
+    std::string modemSocket;  // the modem service; empty: the embedded modem
+    int instance = 0;
+    bool json = false;
+    bool log = false;
+    bool noService = false;
+    int timeoutMs = 5000;
+};
+
+// $XDG_STATE_HOME/kivr/modem.state, else ~/.local/state/kivr/modem.state;
+// none without either (never a path under the current directory).
+std::optional<std::string> defaultStatePath();
+
+class EmbeddedModem;
+
+class Session {
+  public:
+    explicit Session(const Globals& globals);
+    // Keys are dropped and their effects settled before the modem goes.
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    const Globals& globals() const { return mGlobals; }
+    kiv::Manager& manager() { return mManager; }
+    kiv::Util& util() { return mUtil; }
+
+    // Brings the library up on the modem and reads its table, once a run.
+    void startLibrary();
+    bool libraryStarted() const { return mLibrary; }
+    // Waits until this process's library has connected and registered.
+    void waitForLibrary();
+    // Every indication sent so far has been handled by the library.
+    void settle();
+    // The end of a run that went well: keys are dropped (temporary profiles
+    // leave the modem) and every change must have been stored.
+    void finish();
+
+    // One command to the modem; its refusal is the command's.
+    nlohmann::json call(const nlohmann::json& command);
+    nlohmann::json status() { return call({{"op", "status"}}); }
+    // A change the modem could not store fails the command, with the reason.
+    void checkSaved();
+    // The modem's profiles, each as its settings (SettingsJson.h).
+    nlohmann::json modemProfiles();
+
+    // The view of a profile the library holds a key for.
+    ProfileView view(const std::shared_ptr<kiv::IProfileKey>& key, const nlohmann::json& table,
+                     int handle = 0);
+
+    // The shell's handles: one per profile, numbered from 1.
+    int keep(std::shared_ptr<kiv::IProfileKey> key);
+    // The key of #N; bad input when there is none, refused when it no longer
+    // names a profile (the modem restarted, was reset or reread).
+    std::shared_ptr<kiv::IProfileKey> handle(int number);
+    bool drop(int number) { return mHandles.erase(number) != 0; }
+    const std::map<int, std::shared_ptr<kiv::IProfileKey>>& handles() const { return mHandles; }
+
+  private:
+    Globals mGlobals;
+    std::unique_ptr<EmbeddedModem> mEmbedded;
+    std::optional<xalremote::ServiceControl> mControl;
+    uint64_t mFailedSaves = 0;
+    kiv::Manager& mManager;
+    bool mLibrary = false;
+    kiv::Util mUtil;
+    std::map<int, std::shared_ptr<kiv::IProfileKey>> mHandles;
+    int mNextHandle = 1;
+};
+
+}  // namespace kivctl

@@ -1,0 +1,106 @@
+#include "Shell.h"
+
+#include <algorithm>
+
+#include "Commands.h"
+#include "Errors.h"
+#include "ProfileOptions.h"
+
+namespace kivctl {
+
+std::vector<std::string> Shell::split(const std::string& line) {
+    std::vector<std::string> words;
+    std::string word;
+    bool inWord = false, quotedText = false;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const char c = line[i];
+        if (c == '\\' && i + 1 < line.size()) {
+            word += line[++i];
+            inWord = true;
+        } else if (c == '"') {
+            quotedText = !quotedText;
+            inWord = true;
+        } else if (!quotedText && (c == ' ' || c == '\t')) {
+            if (inWord) words.push_back(word);
+            word.clear();
+            inWord = false;
+        } else {
+            word += c;
+            inWord = true;
+        }
+    }
+    if (quotedText) throw UsageError("unterminated quote");
+    if (inWord) words.push_back(word);
+    return words;
+}
+
+int Shell::run() {
+    int worst = kOk;
+    std::string line;
+    for (int number = 1; std::getline(mIn, line); ++number) {
+        // A line from a Windows editor ends in CR LF.
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        int status = kOk;
+        try {
+            const auto words = split(line);
+            if (words.empty() || words[0][0] == '#') continue;
+            if (words[0] == "exit" || words[0] == "quit") break;
+            status = runLine(words);
+        } catch (const UsageError& e) {
+            mErr << "kivctl: line " << number << ": " << e.what() << "\n";
+            status = kBadInput;
+        } catch (const Refused& e) {
+            mErr << "kivctl: line " << number << ": " << e.what() << "\n";
+            status = kRefused;
+        }
+        worst = std::max(worst, status);
+        mOut.flush();
+    }
+    return worst;
+}
+
+int Shell::runLine(const std::vector<std::string>& words) {
+    const std::string& name = words[0];
+    const std::vector<std::string> rest(words.begin() + 1, words.end());
+    const Globals& globals = mSession.globals();
+    if (name == "handles") {
+        if (!rest.empty()) throw UsageError("unexpected argument " + quote(rest[0]));
+        mSession.startLibrary();
+        const auto table = mSession.modemProfiles();
+        std::vector<ProfileView> views;
+        for (const auto& [number, key] : mSession.handles()) {
+            views.push_back(mSession.view(key, table, number));
+        }
+        if (globals.json) {
+            nlohmann::ordered_json list = nlohmann::ordered_json::array();
+            for (const auto& view : views) list.push_back(profileJson(view));
+            printJson(mOut, {{"handles", list}});
+        } else {
+            printProfiles(mOut, views);
+        }
+        return kOk;
+    }
+    if (name == "drop") {
+        if (rest.size() != 1 || rest[0].empty() || rest[0][0] != '#') {
+            throw UsageError("usage: drop #N");
+        }
+        const int number = parseNumber(rest[0].substr(1), "a handle", 1, 1 << 30);
+        if (!mSession.drop(number)) throw UsageError("no handle #" + std::to_string(number));
+        mSession.settle();
+        mSession.checkSaved();
+        if (globals.json) {
+            printJson(mOut, {{"dropped", "#" + std::to_string(number)}});
+        } else {
+            mOut << "dropped #" << number << "\n";
+        }
+        return kOk;
+    }
+    const Command* command = findCommand(name);
+    if (command == nullptr) {
+        throw UsageError("unknown command " + quote(name) + " (help lists them)");
+    }
+    Commands commands(mSession, mIn, mOut, mErr, /*inShell=*/true);
+    return commands.execute(*command, parseCommand(*command, rest));
+}
+
+}  // namespace kivctl

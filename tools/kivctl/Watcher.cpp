@@ -1,0 +1,143 @@
+#include "Watcher.h"
+
+#include "Errors.h"
+#include "SettingsJson.h"
+#include "XalRemote.h"
+
+namespace kivctl {
+
+ChangeWatcher::ChangeWatcher(std::chrono::milliseconds timeout) : mTimeout(timeout) {
+    xal_idl_service_object_type service = wds_get_service_object_internal_v01(1, 0xF1, 6);
+    xal_service_info info{};
+    xal_client_os_params os{};
+    if (xal_client_get_any_service(service, &info) != XAL_NO_ERR ||
+        xal_client_init(&info, service, onIndication, this, &os, &mClient) != XAL_NO_ERR) {
+        throw Refused("cannot reach the modem service at " + xalremote::socketPath());
+    }
+    xal_client_register_error_cb(mClient, onError, this);
+    wds_indication_register_req_msg_v01 events{};
+    events.report_profile_changed_events_valid = 1;
+    events.report_profile_changed_events = 1;
+    wds_configure_profile_event_list_req_msg_v01 all{};
+    all.profile_event_register_valid = 1;
+    all.profile_event_register_len = 1;
+    all.profile_event_register[0] = {WDS_PROFILE_TYPE_ALL_V01, 0xFF};
+    all.report_all_profiles_valid = 1;
+    all.report_all_profiles = 1;
+    if (!send(XAL_WDS_INDICATION_REGISTER_REQ_V01, &events, sizeof(events)) ||
+        !send(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, &all, sizeof(all))) {
+        xal_client_release(mClient);
+        throw Refused("the modem service refused to report profile changes");
+    }
+}
+
+ChangeWatcher::~ChangeWatcher() {
+    xal_client_release(mClient);
+}
+
+std::optional<ChangeWatcher::Indication> ChangeWatcher::next() {
+    kiv::MutexLock guard(mLock);
+    guard.wait(mChanged, [this]() REQUIRES(mLock) { return !mQueue.empty() || mLost; });
+    if (mQueue.empty()) return std::nullopt;
+    Indication indication = std::move(mQueue.front());
+    mQueue.pop_front();
+    return indication;
+}
+
+std::optional<xalsim::Settings> ChangeWatcher::settings(
+        const wds_profile_identifier_type_v01& profile) {
+    wds_get_profile_settings_req_msg_v01 request{};
+    request.profile = profile;
+    wds_get_profile_settings_resp_msg_v01 response{};
+    if (xal_client_send_msg_sync(mClient, XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01, &request,
+                                 sizeof(request), &response, sizeof(response),
+                                 static_cast<unsigned int>(mTimeout.count())) != XAL_NO_ERR ||
+        response.resp.result != 0) {
+        return std::nullopt;
+    }
+    return response;
+}
+
+nlohmann::ordered_json ChangeWatcher::describe(const Indication& indication) {
+    static const char* const kEvents[] = {
+            "0", "create", "delete", "modify", "subscription-change", "profile-ready"};
+    nlohmann::ordered_json change;
+    wds_profile_changed_ind_msg_v01 decoded{};
+    const auto result = xal_client_message_decode(
+            nullptr, XAL_IDL_INDICATION, indication.msgId, indication.bytes.data(),
+            static_cast<unsigned int>(indication.bytes.size()), &decoded, sizeof(decoded));
+    if (indication.msgId != XAL_WDS_PROFILE_CHANGED_IND_V01) {
+        change["event"] = "indication";
+        change["msgId"] = indication.msgId;
+        change["bytes"] = indication.bytes.size();
+        return change;
+    }
+    if (result != XAL_NO_ERR) {
+        change["event"] = "undecodable";
+        change["bytes"] = indication.bytes.size();
+        return change;
+    }
+    if (!decoded.profile_changed_ind_valid) {
+        change["event"] = "empty";
+        return change;
+    }
+    const auto& record = decoded.profile_changed_ind;
+    const int32_t event = record.profile_change_evt;
+    change["event"] = event >= 1 && event <= 5 ? kEvents[event] : std::to_string(event);
+    if (record.profile_type != WDS_PROFILE_TYPE_ALL_V01) {
+        change["type"] = xalsim::typeName(record.profile_type);
+        change["index"] = record.profile_index;
+    }
+    if (event == WDS_PROFILE_EVENT_CREATE_V01 || event == WDS_PROFILE_EVENT_MODIFY_V01) {
+        if (auto held = settings({record.profile_type, record.profile_index})) {
+            auto fields = xalsim::profileToJson({record.profile_type, record.profile_index}, *held);
+            fields.erase("type");
+            fields.erase("index");
+            change["settings"] = fields;
+        }
+    }
+    return change;
+}
+
+std::string changeLine(const nlohmann::ordered_json& change) {
+    std::string line = change["event"].get<std::string>();
+    if (change.contains("type")) {
+        line += " " + change["type"].get<std::string>() + " " + change["index"].dump();
+    }
+    if (change.contains("msgId")) line += " " + change["msgId"].dump();
+    if (change.contains("bytes")) line += " (" + change["bytes"].dump() + " bytes)";
+    if (change.contains("settings")) {
+        line += ":";
+        for (const auto& [name, value] : change["settings"].items()) {
+            const std::string text =
+                    value.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
+            line += " " + name + "=" + text;
+        }
+    }
+    return line;
+}
+
+bool ChangeWatcher::send(unsigned int msgId, void* request, unsigned int length) {
+    wds_generic_resp_msg_v01 response{};
+    return xal_client_send_msg_sync(mClient, msgId, request, length, &response, sizeof(response),
+                                    static_cast<unsigned int>(mTimeout.count())) == XAL_NO_ERR &&
+           response.resp.result == 0;
+}
+
+void ChangeWatcher::onIndication(xal_client_type, unsigned int msgId, void* buffer,
+                                 unsigned int length, void* data) {
+    auto* self = static_cast<ChangeWatcher*>(data);
+    const auto* bytes = static_cast<const uint8_t*>(buffer);
+    kiv::MutexLock guard(self->mLock);
+    self->mQueue.push_back({msgId, std::vector<uint8_t>(bytes, bytes + length)});
+    self->mChanged.notify_all();
+}
+
+void ChangeWatcher::onError(xal_client_type, xal_client_error_type, void* data) {
+    auto* self = static_cast<ChangeWatcher*>(data);
+    kiv::MutexLock guard(self->mLock);
+    self->mLost = true;
+    self->mChanged.notify_all();
+}
+
+}  // namespace kivctl
