@@ -43,13 +43,14 @@ TEST(CarrierApnsTest, AllCarriersEveryCarrierAppliesCleanly) {
     auto& manager = kiv::Manager::getInstance();
     diag_host_set_sink([](const msg_desc_type*, const char*, void*) {}, nullptr);
     manager.init(0, false);
-    ASSERT_TRUE(sim.waitUntil(
-            [&] { return sim.requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) > 0; }));
+    ASSERT_TRUE(sim.waitUntil([&] {
+        return sim.requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) > 0;
+    })) << "the library did not register with the modem";
     manager.refresh(kiv::PDC_REFRESH_COMPLETED);
     kiv::Util util;
     for (const auto& [carrier, records] : carriers)
         util.updateAPNTypeBitmaskOnModemProfile(records);
-    ASSERT_TRUE(sim.waitForCallbacks());
+    ASSERT_TRUE(sim.waitForCallbacks()) << "the modem's callbacks did not all run";
     manager.match(kiv::FilterProfileParams(), nullptr);
     manager.match(kiv::FilterProfileParams(), nullptr);
 

@@ -31,18 +31,18 @@ TEST(ConversionsTest, ModemToLibraryUnknownValuesLoggedAndMapped) {
     EXPECT_EQ(convertPdnType(WDS_PROFILE_PDN_TYPE_UNSPECIFIED_V01), IPType::UNKNOWN);
     EXPECT_TRUE(log.lines().empty());
     EXPECT_EQ(convertPdnType(static_cast<wds_profile_pdn_type_enum_v01>(4)), IPType::UNKNOWN);
-    EXPECT_TRUE(log.contains("Unknown profile_pdn_type_enum 4"));
+    EXPECT_TRUE(log.contains(LogLevel::Debug, "Unknown profile_pdn_type_enum 4"));
 
     EXPECT_EQ(convertPdpType(WDS_PDP_TYPE_PDP_IPV6_V01), IPType::V6);
     EXPECT_EQ(convertPdpType(WDS_PDP_TYPE_PDP_PPP_V01), IPType::UNKNOWN);
-    EXPECT_TRUE(log.contains("Unknown pdp_type_enum 1"));
+    EXPECT_TRUE(log.contains(LogLevel::Debug, "Unknown pdp_type_enum 1"));
     EXPECT_EQ(convertPdpType(WDS_COMMON_PDP_TYPE_PDP_IPV6_V01), IPType::V6);
     EXPECT_EQ(convertPdpType(WDS_COMMON_PDP_TYPE_PDP_UNKNOWN_V01), IPType::UNKNOWN);
-    EXPECT_TRUE(log.contains("Unknown pdp_type_enum 255"));
+    EXPECT_TRUE(log.contains(LogLevel::Debug, "Unknown pdp_type_enum 255"));
 
     EXPECT_EQ(convertProfileType(WDS_PROFILE_TYPE_3GPP2_V01), TechType::TECH_3GPP2);
     EXPECT_EQ(convertProfileType(WDS_PROFILE_TYPE_EPC_V01), TechType::TECH_3GPP);
-    EXPECT_TRUE(log.contains("Unknown tech type 2"));
+    EXPECT_TRUE(log.contains(LogLevel::Debug, "Unknown tech type 2"));
     for (const auto& line : log.lines()) EXPECT_EQ(line.level, LogLevel::Debug);
 
     EXPECT_EQ(convertToAuthType(static_cast<unsigned char>(0xFE)), AuthType::CHAP);

@@ -49,7 +49,8 @@ TEST(EventManagerTest, RegistrationDuplicatesRefusedAndRemovalRunsCloseCallback)
     ASSERT_TRUE(events.addEventHandler(fd, Counter::onReadable, &first, Counter::onClose, EPOLLIN));
     EXPECT_TRUE(EventManager::isApprovedFd(fd));
     EXPECT_FALSE(events.addEventHandler(fd, Counter::onReadable, &second, nullptr, EPOLLIN));
-    EXPECT_TRUE(log.contains("fd=" + std::to_string(fd) + " is already in handlers"));
+    EXPECT_TRUE(log.contains(LogLevel::Warning,
+                             "fd=" + std::to_string(fd) + " is already in handlers"));
 
     signal(fd);
     events.processEvents();
@@ -65,7 +66,7 @@ TEST(EventManagerTest, RegistrationDuplicatesRefusedAndRemovalRunsCloseCallback)
     log.clear();
     EventFd stranger;
     events.removeEventHandler(stranger.get());
-    EXPECT_TRUE(log.contains("Cannot remove event handler"));
+    EXPECT_TRUE(log.contains(LogLevel::Error, "Cannot remove event handler"));
     EXPECT_FALSE(EventManager::isApprovedFd(stranger.get()));
 }
 
@@ -84,7 +85,8 @@ TEST(EventManagerTest, DispatchHangUpWinsAndAtMostFourEventsPerPass) {
     events.processEvents();
     EXPECT_EQ(counter.calls, std::vector<int>{-pipeFds[0]});  // closed, never read
     EXPECT_FALSE(isOpen(pipeFds[0]));
-    EXPECT_TRUE(log.contains("file descriptor '" + std::to_string(pipeFds[0]) + "' sent HUP."));
+    EXPECT_TRUE(log.contains(LogLevel::Warning,
+                             "file descriptor '" + std::to_string(pipeFds[0]) + "' sent HUP."));
 
     counter.calls.clear();
     std::vector<EventFd> fds(6);
@@ -112,8 +114,9 @@ TEST(EventManagerTest, DispatchUnapprovedDescriptorIsRemovedAndClosed) {
     events.processEvents();
     EXPECT_TRUE(counter.calls.empty());
     EXPECT_FALSE(isOpen(fd));
-    EXPECT_TRUE(log.contains("file descriptor " + std::to_string(fd) +
-                             " is not on the approved list, cannot process event"));
+    EXPECT_TRUE(log.contains(LogLevel::Warning,
+                             "file descriptor " + std::to_string(fd) +
+                                     " is not on the approved list, cannot process event"));
 }
 
 TEST(EventManagerTest, WakeUnblocksWaitAndDrainsItsCounter) {

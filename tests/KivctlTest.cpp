@@ -123,8 +123,30 @@ TEST(KivctlArgumentsTest, ValuesNeverOptionsEachOptionOnce) {
 TEST_F(KivctlTest, FirstUseSeedsTableThatPersists) {
     auto r = kivctl({"list"});
     ASSERT_EQ(r.status, kOk) << r.err;
-    EXPECT_EQ(lines(r.out), 5u);  // header and four profiles
-    EXPECT_TRUE(has(r.out, "cdma.internet"));
+    EXPECT_EQ(r.out,
+              "ID   TECH   APN            HOME  ROAM  TYPES         AUTH  CLASS  FLAGS\n"
+              "1    3gpp   internet       v4v6  -     default,supl  -     inet   persistent\n"
+              "2    3gpp   ims            v4v6  -     ims           -     ims    persistent\n"
+              "3    3gpp   mms            v4    -     mms           -     app    persistent\n"
+              "101  3gpp2  cdma.internet  v4v6  -     -             -     -      persistent\n");
+    EXPECT_EQ(kivctl({"show", "3"}).out,
+              "profile 3 (3gpp)\n"
+              "  apn      mms\n"
+              "  home ip  v4\n"
+              "  types    mms\n"
+              "  class    app\n"
+              "  flags    persistent\n"
+              "on the modem:\n"
+              "  apn_class      4\n"
+              "  apn_name       \"mms\"\n"
+              "  apn_type_mask  4\n"
+              "  pdp_type       0\n"
+              "  persistent     1\n"
+              "  profile_name   \"mms\"\n");
+    EXPECT_EQ(json::parse(kivctl({"list", "--json"}).out)["profiles"][0],
+              json::parse(R"({"id":1,"tech":"3gpp","apn":"internet","homeIp":"v4v6","roamIp":null,
+                  "types":["default","supl"],"auth":null,"class":"inet","user":null,
+                  "maxConns":null,"maxConnsTime":null,"waitTime":null,"flags":["persistent"]})"));
 
     r = kivctl({"add", "--apn", "Kept", "--ip", "v4v6", "--types", "default,ims"});
     ASSERT_EQ(r.status, kOk) << r.err;
@@ -206,7 +228,47 @@ TEST_F(KivctlTest, PolicyCommandsFindOrCreate) {
     EXPECT_EQ(kivctl({"emergency"}).out, "emergency profile: profile 5 (3gpp)\n");
 }
 
-TEST(KivctlMvnoTest, SimMatchesAsDevicesDecide) {
+// Each value a carrier's entry may hold, as the record the library gets, or
+// skipped with a warning that names the entry.
+TEST(ApnsConfTest, EntryValuesMappedOrWarnedAbout) {
+    const std::string path = testing::TempDir() + "entries.xml";
+    std::ofstream(path) << R"(<apns>
+        <apn carrier="a0" apn="a" authtype="0" protocol="IP" roaming_protocol="IPV6" />
+        <apn carrier="a1" apn="b" authtype="1" protocol="IPV6" type="default, mms" />
+        <apn carrier="a2" apn="c" authtype="2" protocol="IPV4V6" type="*" />
+        <apn carrier="a3" apn="d" authtype="3" max_conns="20" max_conns_time="300" wait_time="5" />
+        <apn carrier="unset" apn="e" authtype="-1" />
+        <apn carrier="bad" apn="f" authtype="4" protocol="IPX" roaming_protocol="v4"
+             type="default,warp" wait_time="soon" />
+        <apn carrier="word" apn="g" authtype="pap" />
+        </apns>)";
+    const auto read = ApnsConf::read(path, std::nullopt);
+    remove(path.c_str());
+    ASSERT_TRUE(read.ok) << read.error;
+    ASSERT_EQ(read.entries.size(), 7u);
+    std::vector<std::string> dumps;
+    for (const auto& entry : read.entries) dumps.push_back(entry.params.dump());
+    EXPECT_EQ(dumps, (std::vector<std::string>{
+                             "ApnName=a,AuthType=NONE,HomeIPType=V4,RoamIPType=V6,",
+                             "ApnName=b,AuthType=PAP,HomeIPType=V6,ApnTypesMask=DEFAULT|MMS|,",
+                             "ApnName=c,AuthType=CHAP,HomeIPType=V4V6,ApnTypesMask=DEFAULT|MMS|"
+                             "SUPL|DUN|HIPRI|FOTA|IMS|CBS|IA|EMERGENCY|MCX|XCAP|,",
+                             "ApnName=d,AuthType=PAP_CHAP,MaxPdnsConnPerBlock=20,"
+                             "MaxPdnConnTimer=300,PdnReqWaitInterval=5,",
+                             "ApnName=e,",
+                             "ApnName=f,ApnTypesMask=DEFAULT|,",
+                             "ApnName=g,",
+                     }));
+    EXPECT_EQ(read.warnings,
+              (std::vector<std::string>{"'bad' (/): unknown APN type 'warp' skipped",
+                                        "'bad' (/): unknown protocol 'IPX' skipped",
+                                        "'bad' (/): unknown roaming_protocol 'v4' skipped",
+                                        "'bad' (/): unknown authtype '4' skipped",
+                                        "'bad' (/): bad wait_time 'soon' skipped",
+                                        "'word' (/): unknown authtype 'pap' skipped"}));
+}
+
+TEST(ApnsConfTest, SimMatchesMvnoEntriesAsDevicesDecide) {
     SimIdentity sim;
     sim.imsi = "310260123456789";
     sim.gid1 = "BAE0000000000000";

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "AdbWriter.h"
@@ -7,18 +8,36 @@
 #include "DiagWriter.h"
 #include "LocalLogBuffer.h"
 #include "LogWrapper.h"
+#include "Manager.h"
+#include "Mutex.h"
+#include "SimModem.h"
 #include "diag_host.h"
 
 namespace kiv {
 namespace {
 
+// The diagnostics channel's lines, from whichever thread writes them.
 struct DiagCapture {
-    std::vector<std::pair<msg_desc_type, std::string>> lines;
     DiagCapture() { diag_host_set_sink(&DiagCapture::sink, this); }
     ~DiagCapture() { diag_host_set_sink(nullptr, nullptr); }
     static void sink(const msg_desc_type* desc, const char* line, void* ctx) {
-        static_cast<DiagCapture*>(ctx)->lines.emplace_back(*desc, line);
+        auto* self = static_cast<DiagCapture*>(ctx);
+        kiv::MutexLock guard(self->lock);
+        self->all.emplace_back(*desc, line);
     }
+    std::vector<std::pair<msg_desc_type, std::string>> lines() const {
+        kiv::MutexLock guard(lock);
+        return all;
+    }
+    bool has(const std::string& line) const {
+        for (const auto& [desc, text] : lines()) {
+            if (text == line) return true;
+        }
+        return false;
+    }
+
+    mutable kiv::Mutex lock;
+    std::vector<std::pair<msg_desc_type, std::string>> all GUARDED_BY(lock);
 };
 
 TEST(LogWrapperTest, LogCutsAt511AndKeepsErrorsAndResults) {
@@ -101,10 +120,11 @@ TEST(DiagWriterTest, WriteDescriptorFixedByFirstMessage) {
         LogWrapper::getInstance().setLogWriter(nullptr);
     }
     EXPECT_EQ(diag_host_init_count(), 0);
-    ASSERT_EQ(diag.lines.size(), 2u);
-    EXPECT_EQ(diag.lines[0].second, "|KIV| first");
-    EXPECT_EQ(diag.lines[1].second, "|KIV| second");
-    for (const auto& [desc, text] : diag.lines) {
+    const auto lines = diag.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].second, "|KIV| first");
+    EXPECT_EQ(lines[1].second, "|KIV| second");
+    for (const auto& [desc, text] : lines) {
         EXPECT_EQ(desc.ss_mask, 4u);  // the mask of the first message, an error
         EXPECT_EQ(desc.ss_id, 63);
         EXPECT_EQ(desc.line, 116);
@@ -115,6 +135,41 @@ TEST(DiagWriterTest, WriteDescriptorFixedByFirstMessage) {
         EXPECT_EQ(writer.convertPrio(static_cast<LogLevel>(level)), expected[level]);
     }
     EXPECT_EQ(writer.convertPrio(static_cast<LogLevel>(9)), 1);
+}
+
+// Manager::init chooses where the library's lines go: the diagnostics
+// channel, or the Android log. Each is observed where the lines arrive.
+TEST(ManagerLogSinkTest, InitSendsEveryLineToTheSinkItChose) {
+    auto& sim = xalsim::SimModem::instance();
+    sim.reset();
+    auto& manager = Manager::getInstance();
+    auto refreshed = [&](size_t registrations) {
+        EXPECT_TRUE(sim.waitUntil([&] {
+            return sim.requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) >= registrations;
+        })) << "the library did not register with the modem";
+        manager.refresh(PDC_REFRESH_COMPLETED);
+    };
+    DiagCapture diag;
+    manager.init(3, false);
+    refreshed(1);
+    EXPECT_TRUE(diag.has("|KIV| Manager::init(3)"));
+    EXPECT_TRUE(diag.has("|KIV| Manager::refresh < Refresh Success"));
+
+    const size_t before = diag.lines().size();
+    testing::internal::CaptureStderr();
+    manager.init(4, true);
+    refreshed(2);
+    const std::string android = testing::internal::GetCapturedStderr();
+    // The host's Android log writes "TAG PRIORITY ... message" to stderr.
+    EXPECT_NE(android.find("Manager::init(4)"), std::string::npos) << android;
+    EXPECT_NE(android.find("Manager::refresh < Refresh Success"), std::string::npos) << android;
+    EXPECT_NE(android.find("KIV I"), std::string::npos) << android;
+    // Nothing of the second pipeline reached the diagnostics channel.
+    const auto lines = diag.lines();
+    EXPECT_TRUE(std::none_of(lines.begin() + static_cast<long>(before), lines.end(),
+                             [](const auto& line) {
+                                 return line.second.find("Manager::init(4)") != std::string::npos;
+                             }));
 }
 
 }  // namespace

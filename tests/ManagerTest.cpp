@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <future>
+#include <set>
 
 #include "LibraryFixture.h"
 #include "ProfileKey.h"
+#include "StateFile.h"
 
 namespace kiv {
 namespace {
@@ -32,8 +35,8 @@ TEST(ManagerBeforeInitTest, EveryOperationFailsWithoutARequest) {
     EXPECT_FALSE(manager.getProfile(key));
     EXPECT_FALSE(manager.match(FilterProfileParams(), key));
     manager.refresh(PDC_REFRESH_STARTED);
-    EXPECT_EQ(log.count("Manager not initialized!"), 7u);
-    EXPECT_EQ(log.countContaining("Manager::"), 0u);
+    EXPECT_EQ(log.count(LogLevel::Error, "Manager not initialized!"), 7u);
+    EXPECT_EQ(log.mentions("Manager::"), 0u);
     const auto lines = manager.dump();
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines[0], "");
@@ -58,16 +61,18 @@ TEST_F(ManagerTest, AddProfileCreatesOnModemAndConsumesBothEchoes) {
 
     const std::string keyText = key->dump();
     EXPECT_EQ(keyText.rfind("3GPP:3 token=", 0), 0u);
-    EXPECT_TRUE(
-            log->contains("Manager::addProfile > Add 3GPP persist=false: "
-                          "ApnName=Temp.Example,HomeIPType=V4,IsIAProfile=false,"));
-    EXPECT_TRUE(log->contains("Manager::addProfile < Add Success " + keyText));
-    EXPECT_EQ(log->countContaining("Handling Add 3GPP persist=false"), 1u);
-    EXPECT_EQ(log->countContaining("Added: TechType=3GPP,ProfileId=3,ApnName=temp.example,"), 1u);
+    EXPECT_TRUE(log->contains(LogLevel::Info,
+                              "Manager::addProfile > Add 3GPP persist=false: "
+                              "ApnName=Temp.Example,HomeIPType=V4,IsIAProfile=false,"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "Manager::addProfile < Add Success " + keyText));
+    EXPECT_EQ(log->countContaining(LogLevel::Warning, "Handling Add 3GPP persist=false"), 1u);
+    EXPECT_EQ(log->countContaining(LogLevel::Info,
+                                   "Added: TechType=3GPP,ProfileId=3,ApnName=temp.example,"),
+              1u);
 
     settle();
-    EXPECT_EQ(log->count("ProfileCache: pending transaction confirmed"), 2u);
-    EXPECT_EQ(log->count("ProfileCache: updating cache due to indication!"), 0u);
+    EXPECT_EQ(log->count(LogLevel::Info, "ProfileCache: pending transaction confirmed"), 2u);
+    EXPECT_EQ(log->mentions("ProfileCache: updating cache due to indication!"), 0u);
     const auto lines = manager().dump();
     const auto pending = std::find(lines.begin(), lines.end(), "Pending:");
     ASSERT_NE(pending, lines.end());
@@ -101,16 +106,10 @@ TEST_F(ManagerTest, ProfileOperationsGetFilterMatchModifyDelete) {
     same.setHomeIPType(IPType::V4);
     EXPECT_TRUE(manager().modifyProfile(same, key));
     EXPECT_EQ(sim().requestCount(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01), modifies);
-    EXPECT_TRUE(log->contains("ProfileCache: profile is unchanged"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "ProfileCache: profile is unchanged"));
 
-    // A modem refusal still returns true and leaves the cache as it was.
     ModifyProfileParams change;
     change.setApnName("changed");
-    sim().failNext(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, 1);
-    EXPECT_TRUE(manager().modifyProfile(change, key));
-    EXPECT_TRUE(log->contains("ProfileCache: failed to modify modem profile"));
-    EXPECT_EQ(manager().getProfile(key)->getApnName(), "temp");
-
     EXPECT_TRUE(manager().modifyProfile(change, key));
     EXPECT_EQ(manager().getProfile(key)->getApnName(), "changed");
     EXPECT_STREQ(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3)->apn_name, "changed");
@@ -123,9 +122,179 @@ TEST_F(ManagerTest, ProfileOperationsGetFilterMatchModifyDelete) {
     EXPECT_FALSE(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3));
     EXPECT_FALSE(manager().getProfile(key));
     EXPECT_FALSE(manager().deleteProfile(key));
-    EXPECT_TRUE(log->contains("ProfileCache: token is not present or expired"));
+    EXPECT_TRUE(log->contains(LogLevel::Error, "ProfileCache: token is not present or expired"));
     settle();
-    EXPECT_EQ(log->count("ProfileCache: updating cache due to indication!"), 0u);
+    EXPECT_EQ(log->mentions("ProfileCache: updating cache due to indication!"), 0u);
+
+    // Every request the library sent, registration included, carried the
+    // one-second time-out.
+    std::set<unsigned int> kinds;
+    for (const auto& request : sim().requests()) {
+        EXPECT_EQ(request.timeoutMs, 1000u) << "message " << request.msgId;
+        kinds.insert(request.msgId);
+    }
+    EXPECT_EQ(kinds.size(), 8u);  // bind, register, events, list, get, create, modify, delete
+}
+
+// Every way a modem request can fail, for every operation that changes the
+// modem: the caller gets the operation's failure result, and the cache, the
+// echoes it awaits and the modem are as they were.
+TEST_F(ManagerTest, FailedRequestsLeaveCacheEchoesAndModemAsTheyWere) {
+    auto key = manager().addProfile(temporaryProfile("kept"));
+    ASSERT_TRUE(key);
+    settle();
+    struct Fault {
+        const char* name;
+        std::function<void(unsigned int msgId)> inject;
+    };
+    const Fault faults[] = {
+            {"refused", [](unsigned int msgId) { sim().failNext(msgId, 1); }},
+            {"timed out", [](unsigned int msgId) { sim().timeoutNext(msgId, 1); }},
+            {"lost in transport", [](unsigned int msgId) { sim().transportErrorNext(msgId, 1); }}};
+    struct Operation {
+        const char* name;
+        unsigned int msgId;
+        std::function<bool()> failsAsDocumented;
+        const char* proxyLine;
+        const char* cacheLine;  // none: the cache says nothing of its own
+        const char* managerLine;
+    };
+    ModifyProfileParams change;
+    change.setApnName("changed");
+    const Operation operations[] = {
+            {"add", XAL_WDS_CREATE_PROFILE_REQ_V01,
+             [&] { return manager().addProfile(temporaryProfile("new")) == nullptr; },
+             "Unable send XAL_WDS_CREATE_PROFILE_REQ_V01 message", nullptr,
+             // The status stays Success; the key says it failed.
+             "Manager::addProfile < Add Success "},
+            // A modify the modem did not take still reports success.
+            {"modify", XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01,
+             [&] { return manager().modifyProfile(change, key); },
+             "Unable send XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 message",
+             "ProfileCache: failed to modify modem profile",
+             "Manager::modifyProfile < Modify Success"},
+            {"delete", XAL_WDS_DELETE_PROFILE_REQ_V01,
+             [&] { return !manager().deleteProfile(key); },
+             "Unable send XAL_WDS_DELETE_PROFILE_REQ_V01 message",
+             "ProfileCache: Failed to remove profile", "Manager::deleteProfile < Delete Failure"},
+    };
+    for (const auto& operation : operations) {
+        for (const auto& fault : faults) {
+            SCOPED_TRACE(std::string(operation.name) + " " + fault.name);
+            const auto cache = cacheLines();
+            const auto modem = xalsim::StateFile::serialize(sim().table());
+            log->clear();
+            fault.inject(operation.msgId);
+            EXPECT_TRUE(operation.failsAsDocumented());
+            settle();
+            EXPECT_EQ(cacheLines(), cache);
+            EXPECT_EQ(pendingLines(), std::vector<std::string>());
+            EXPECT_EQ(xalsim::StateFile::serialize(sim().table()), modem);
+            EXPECT_TRUE(log->contains(LogLevel::Error, operation.proxyLine));
+            if (operation.cacheLine) {
+                EXPECT_TRUE(log->contains(LogLevel::Error, operation.cacheLine));
+            }
+            EXPECT_TRUE(log->contains(LogLevel::Info, operation.managerLine));
+        }
+    }
+    // The key went through it all unharmed.
+    EXPECT_TRUE(manager().deleteProfile(key));
+}
+
+// Every field a client can change, on both technologies: it reaches the
+// modem, the cache holds it at once, a filter finds the profile by it, and a
+// reread of the modem's table gives it back.
+TEST_F(ManagerTest, EveryModifiableFieldReachesModemCacheAndFilter) {
+    struct Field {
+        const char* name;
+        std::function<void(ProfileParams&)> set;
+        std::function<bool(const ProfileParams&)> holds;
+        bool has3gpp2;
+        bool reread3gpp2 = true;  // read back from a 3GPP2 profile on the modem
+    };
+    const Field fields[] = {
+            {"apn", [](ProfileParams& p) { p.setApnName("other.apn"); },
+             [](const ProfileParams& p) { return p.getApnName() == "other.apn"; }, true},
+            {"user", [](ProfileParams& p) { p.setUserName("someone"); },
+             [](const ProfileParams& p) { return p.getUserName() == "someone"; }, true},
+            // A 3GPP2 profile's password is never read back from the modem.
+            {"password", [](ProfileParams& p) { p.setPassword("secret"); },
+             [](const ProfileParams& p) { return p.getPassword() == "secret"; }, true, false},
+            {"auth", [](ProfileParams& p) { p.setAuthType(AuthType::PAP_CHAP); },
+             [](const ProfileParams& p) { return p.getAuthType() == AuthType::PAP_CHAP; }, true},
+            {"home ip", [](ProfileParams& p) { p.setHomeIPType(IPType::V6); },
+             [](const ProfileParams& p) { return p.getHomeIPType() == IPType::V6; }, true},
+            {"types", [](ProfileParams& p) { p.setApnTypesMask(APN_TYPE_MMS | APN_TYPE_FOTA); },
+             [](const ProfileParams& p) {
+                 return p.getApnTypesMask() == (APN_TYPE_MMS | APN_TYPE_FOTA);
+             },
+             true},
+            {"class", [](ProfileParams& p) { p.setApnClass(ApnClass::ADMN); },
+             [](const ProfileParams& p) { return p.getApnClass() == ApnClass::ADMN; }, true},
+            {"clat", [](ProfileParams& p) { p.setIsClatEnabled(true); },
+             [](const ProfileParams& p) { return p.getIsClatEnabled(); }, true},
+            {"max conns", [](ProfileParams& p) { p.setMaxPdnsConnPerBlock(17); },
+             [](const ProfileParams& p) { return p.getMaxPdnsConnPerBlock() == 17; }, false},
+            {"max conns time", [](ProfileParams& p) { p.setMaxPdnConnTimer(301); },
+             [](const ProfileParams& p) { return p.getMaxPdnConnTimer() == 301; }, false},
+            {"wait time", [](ProfileParams& p) { p.setPdnReqWaitInterval(9); },
+             [](const ProfileParams& p) { return p.getPdnReqWaitInterval() == 9; }, false},
+            {"disabled", [](ProfileParams& p) { p.setIsApnDisabled(true); },
+             [](const ProfileParams& p) { return p.getIsApnDisabled(); }, false},
+            {"emergency", [](ProfileParams& p) { p.setIsEmergencySupported(true); },
+             [](const ProfileParams& p) { return p.getIsEmergencySupported(); }, false},
+            // Roaming unlike home: the modem keeps home as an override.
+            {"roam ip", [](ProfileParams& p) { p.setRoamIPType(IPType::V4); },
+             [](const ProfileParams& p) {
+                 return p.getRoamIPType() == IPType::V4 && p.getHomeIPType() == IPType::V6;
+             },
+             false},
+            // Roaming made equal to home: the override is cleared.
+            {"roam ip as home", [](ProfileParams& p) { p.setRoamIPType(IPType::V6); },
+             [](const ProfileParams& p) {
+                 return p.getRoamIPType() == IPType::V6 && p.getHomeIPType() == IPType::V6;
+             },
+             false},
+    };
+    for (const TechType tech : {TechType::TECH_3GPP, TechType::TECH_3GPP2}) {
+        AddProfileParams start(true, tech, false);
+        start.setApnName("start");
+        start.setHomeIPType(IPType::V4);
+        auto key = manager().addProfile(start);
+        ASSERT_TRUE(key);
+        const int id = key->getProfileId();
+        for (const auto& field : fields) {
+            if (tech == TechType::TECH_3GPP2 && !field.has3gpp2) continue;
+            SCOPED_TRACE(std::string(field.name) +
+                         (tech == TechType::TECH_3GPP ? " 3gpp" : " 3gpp2"));
+            ModifyProfileParams change;
+            field.set(change);
+            ASSERT_TRUE(manager().modifyProfile(change, key));
+            EXPECT_TRUE(field.holds(*manager().getProfile(key)));
+            FilterProfileParams filter;
+            field.set(filter);
+            filter.setFilterByTechType(tech);
+            const auto found = find(filter);
+            EXPECT_TRUE(std::any_of(found.begin(), found.end(),
+                                    [&](const auto& k) { return k->getProfileId() == id; }));
+            manager().refresh(PDC_REFRESH_COMPLETED);
+            key = findOne(id, tech);
+            ASSERT_TRUE(key);
+            const auto reread = manager().getProfile(key);
+            if (tech == TechType::TECH_3GPP2 && !field.reread3gpp2) {
+                EXPECT_FALSE(reread->hasPassword());
+            } else {
+                EXPECT_TRUE(field.holds(*reread)) << "after a reread";
+            }
+        }
+    }
+    const auto modem = sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3);
+    ASSERT_TRUE(modem);
+    EXPECT_EQ(modem->pdp_type, WDS_PDP_TYPE_PDP_IPV6_V01);
+    EXPECT_EQ(modem->lte_roaming_pdp_type, WDS_COMMON_PDP_TYPE_PDP_IPV6_V01);
+    // The override was cleared on the modem, not left standing.
+    EXPECT_EQ(modem->override_home_pdp_type_valid, 1);
+    EXPECT_EQ(modem->override_home_pdp_type, WDS_COMMON_PDP_TYPE_PDP_UNKNOWN_V01);
 }
 
 TEST_F(ManagerTest, ReleaseLastKeyOfTemporaryLibraryProfileDeletesIt) {
@@ -137,7 +306,7 @@ TEST_F(ManagerTest, ReleaseLastKeyOfTemporaryLibraryProfileDeletesIt) {
     ASSERT_TRUE(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3));
     second.reset();
     EXPECT_FALSE(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3));
-    EXPECT_TRUE(log->contains("Released profile 3"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "Released profile 3"));
 
     // Persistent library profiles and foreign ones stay, with their count.
     auto persistent = manager().addProfile(AddProfileParams(true, TechType::TECH_3GPP, false));
@@ -147,7 +316,9 @@ TEST_F(ManagerTest, ReleaseLastKeyOfTemporaryLibraryProfileDeletesIt) {
     auto foreign = findOne(1);
     ASSERT_TRUE(foreign);
     foreign.reset();
-    EXPECT_EQ(log->count("ProfileCache: ignoring non-persistent or non-kiv created"), 2u);
+    EXPECT_EQ(
+            log->count(LogLevel::Info, "ProfileCache: ignoring non-persistent or non-kiv created"),
+            2u);
     EXPECT_TRUE(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, static_cast<uint8_t>(id)));
     EXPECT_TRUE(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 1));
 
@@ -174,11 +345,12 @@ TEST_F(ManagerTest, ListenersHearHeldProfilesLeaveWithoutDeadlock) {
     settle();
 
     sim().externalDelete(WDS_PROFILE_TYPE_3GPP_V01, 3);
-    ASSERT_EQ(heard.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    ASSERT_EQ(heard.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready)
+            << "the expiration listener was not called";
     settle();
-    EXPECT_TRUE(log->contains("ProfileCache: updating cache due to indication!"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "ProfileCache: updating cache due to indication!"));
     const std::string token = heldText.substr(heldText.find('=') + 1);
-    EXPECT_TRUE(log->contains("ProfileCache: releaseProfile token=" + token));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "ProfileCache: releaseProfile token=" + token));
     EXPECT_FALSE(manager().getProfile(key));
 }
 
@@ -218,7 +390,7 @@ TEST_F(ManagerTest, RefreshBracketRefusesEveryOtherRequest) {
     auto key = findOne(1);
     ASSERT_TRUE(key);
     manager().refresh(PDC_REFRESH_STARTED);
-    EXPECT_TRUE(log->contains("KIV refresh started"));
+    EXPECT_TRUE(log->contains(LogLevel::Warning, "KIV refresh started"));
     EXPECT_EQ(manager().addProfile(temporaryProfile("x")), nullptr);
     EXPECT_FALSE(manager().modifyProfile(ModifyProfileParams(), key));
     EXPECT_FALSE(manager().deleteProfile(key));
@@ -227,7 +399,7 @@ TEST_F(ManagerTest, RefreshBracketRefusesEveryOtherRequest) {
     EXPECT_FALSE(manager().match(FilterProfileParams(), key));
     EXPECT_EQ(sim().profiles().size(), 2u);
     manager().refresh(PDC_REFRESH_COMPLETED);
-    EXPECT_TRUE(log->contains("KIV refresh completed"));
+    EXPECT_TRUE(log->contains(LogLevel::Warning, "KIV refresh completed"));
     EXPECT_FALSE(manager().getProfile(key));  // the reread voided it
     EXPECT_EQ(find(FilterProfileParams()).size(), 2u);
 }
@@ -239,7 +411,8 @@ TEST_F(ManagerTest, InitTwiceOldKeysAreDroppedSafely) {
     EXPECT_EQ(find(FilterProfileParams()).size(), 3u);
     old->registerExpirationListener([] {});
     old.reset();
-    EXPECT_EQ(log->countContaining("ClientRequestManager: pipeline is gone, dropping Callback"),
+    EXPECT_EQ(log->countContaining(LogLevel::Warning,
+                                   "ClientRequestManager: pipeline is gone, dropping Callback"),
               2u);
     // The profile stays: nothing reached the new pipeline.
     EXPECT_EQ(modemProfiles(), 3u);

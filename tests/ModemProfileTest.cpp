@@ -411,7 +411,7 @@ TEST(Modem3gpp2ProfileTest, DiffHomeTypeOnlyAndNoPasswordReadBack) {
     EXPECT_FALSE(read.hasPassword());
     EXPECT_TRUE(read.hasCommonIPType());
     EXPECT_EQ(read.getCommonIPType(), IPType::UNKNOWN);
-    EXPECT_TRUE(log.contains("Unknown profile_pdn_type_enum 5"));
+    EXPECT_TRUE(log.contains(LogLevel::Debug, "Unknown profile_pdn_type_enum 5"));
     EXPECT_EQ(read.getAuthType(), AuthType::NONE);
     EXPECT_EQ(read.getUserName(), "Id");
     FilterProfileParams byPassword;
@@ -476,9 +476,9 @@ TEST(Modem3gppProfileTest, FromSettingsRoamingSentinelOverrideAndReadBack) {
     EXPECT_EQ(odd.getUmtsRoamIPType(), IPType::UNKNOWN);
     EXPECT_TRUE(odd.hasOverrideHomeIPType());
     EXPECT_EQ(odd.getOverrideHomeIPType(), IPType::UNKNOWN);
-    EXPECT_EQ(log.count("Unknown pdp_type_enum 255"), 1u);
-    EXPECT_EQ(log.count("Unknown pdp_type_enum 7"), 1u);
-    EXPECT_EQ(log.count("Unknown pdp_type_enum 1"), 1u);
+    EXPECT_EQ(log.count(LogLevel::Debug, "Unknown pdp_type_enum 255"), 1u);
+    EXPECT_EQ(log.count(LogLevel::Debug, "Unknown pdp_type_enum 7"), 1u);
+    EXPECT_EQ(log.count(LogLevel::Debug, "Unknown pdp_type_enum 1"), 1u);
     seen = odd.get();
     EXPECT_EQ(seen.getHomeIPType(), IPType::UNKNOWN);  // common, the override being UNKNOWN
     EXPECT_FALSE(seen.hasRoamIPType());
@@ -548,9 +548,10 @@ TEST(ModemProfileTest, ListenersOnlyLiveHandlesHearTheProfileGo) {
     }
     EXPECT_EQ(aliveCalls, 1);
     EXPECT_EQ(goneCalls, 0);
-    EXPECT_EQ(log.count("~ModemProfile()"), 1u);
-    EXPECT_EQ(log.count("invoke callback"), 2u);
-    EXPECT_TRUE(log.contains("ModemProfile: expiration listener failed: client bug"));
+    EXPECT_EQ(log.count(LogLevel::Debug, "~ModemProfile()"), 1u);
+    EXPECT_EQ(log.count(LogLevel::Debug, "invoke callback"), 2u);
+    EXPECT_TRUE(
+            log.contains(LogLevel::Error, "ModemProfile: expiration listener failed: client bug"));
 }
 
 }  // namespace

@@ -87,7 +87,7 @@ TEST(CallerQueueTest, EveryCallerGetsItsOwnAnswerWhateverTheInterleaving) {
     }
     for (auto& caller : callers) caller.join();
     EXPECT_EQ(wrong.load(), 0);
-    EXPECT_EQ(log.countContaining("Handling Filter "), 800u);
+    EXPECT_EQ(log.countContaining(LogLevel::Warning, "Handling Filter "), 800u);
 }
 
 // An executor on a cache of its own, driven on a worker loop as the manager does.
@@ -104,7 +104,7 @@ class RequestExecutorTest : public testing::Test {
         });
         ASSERT_TRUE(sim.waitUntil([&] {
             return sim.requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) > 0;
-        }));
+        })) << "the cache's proxy did not register with the modem";
         executor = std::make_unique<RequestExecutor>(*cache);
     }
     void TearDown() override {
@@ -154,23 +154,17 @@ TEST_F(RequestExecutorTest, RefreshBracketRefusesAndMalformedRequestsGetTypedFai
     auto odd = execute(std::make_shared<ClientRequest>(static_cast<ReqRespType>(42)));
     ASSERT_TRUE(odd);
     EXPECT_EQ(odd->getStatus(), Status::Failure);
-    EXPECT_TRUE(log.contains("ClientRequestManager: unknown request type 42"));
+    EXPECT_TRUE(log.contains(LogLevel::Error, "ClientRequestManager: unknown request type 42"));
     EXPECT_FALSE(execute(nullptr));
     key.reset();  // its release, to a cache that forgot it, goes nowhere
 }
 
-class ClientRequestManagerTest : public test::LibraryFixture {
-  protected:
-    // The cache's part of Manager::dump(): what comes before the history.
-    static std::vector<std::string> cacheLines(const std::vector<std::string>& dump) {
-        return std::vector<std::string>(dump.begin(), std::find(dump.begin(), dump.end(), ""));
-    }
-};
+class ClientRequestManagerTest : public test::LibraryFixture {};
 
 TEST_F(ClientRequestManagerTest, DumpAnswersAtOnceWhileTheWorkerIsInAModemRequest) {
     auto key = findOne(1);
     ASSERT_TRUE(key);
-    const auto before = manager().dump();
+    const auto before = cacheLines();
     sim().holdNextRequest(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01);
     ModifyProfileParams change;
     change.setApnName("changed");
@@ -178,14 +172,15 @@ TEST_F(ClientRequestManagerTest, DumpAnswersAtOnceWhileTheWorkerIsInAModemReques
             std::async(std::launch::async, [&] { return manager().modifyProfile(change, key); });
     ASSERT_TRUE(sim().waitUntilHeld()) << "the modify did not reach the modem";
     log->clear();
-    const auto during = manager().dump();  // the worker is stuck in the modem
+    const auto during = cacheLines();  // the worker is stuck in the modem
     EXPECT_TRUE(log->lines().empty());
-    EXPECT_EQ(cacheLines(during), cacheLines(before));
+    EXPECT_EQ(during, before);
     sim().releaseRequests();
-    ASSERT_EQ(modify.wait_for(20s), std::future_status::ready);
+    ASSERT_EQ(modify.wait_for(20s), std::future_status::ready)
+            << "the held modify did not finish once released";
     EXPECT_TRUE(modify.get());
     // Once the caller has its answer, the dump shows the change.
-    const auto after = cacheLines(manager().dump());
+    const auto after = cacheLines();
     EXPECT_TRUE(std::any_of(after.begin(), after.end(), [](const std::string& line) {
         return line.find("ApnName=changed,") != std::string::npos;
     }));
@@ -196,8 +191,9 @@ TEST_F(ClientRequestManagerTest, TornDownWhileAListenerCallsBackInItRunsListener
     // listener that calls back into it must not wait for a joined worker.
     auto pipeline = std::make_unique<ClientRequestManager>(0);
     ClientRequestManager* const dying = pipeline.get();
-    ASSERT_TRUE(sim().waitUntil(
-            [] { return sim().requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) >= 2; }));
+    ASSERT_TRUE(sim().waitUntil([] {
+        return sim().requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) >= 2;
+    })) << "the second pipeline did not register with the modem";
     pipeline->processClientRequest(std::make_shared<RefreshRequest>(PDC_REFRESH_COMPLETED));
     FilterProfileParams internet;
     internet.setFilterByProfileId(1);
@@ -218,11 +214,13 @@ TEST_F(ClientRequestManagerTest, TornDownWhileAListenerCallsBackInItRunsListener
     auto teardown = std::async(std::launch::async, [&] { pipeline.reset(); });
     ASSERT_EQ(teardown.wait_for(20s), std::future_status::ready) << "teardown waited on itself";
     auto ranOn = listenerRanOn.get_future();
-    ASSERT_EQ(ranOn.wait_for(0s), std::future_status::ready);
+    ASSERT_EQ(ranOn.wait_for(0s), std::future_status::ready)
+            << "the listener did not run before teardown ended";
     EXPECT_NE(ranOn.get(), std::this_thread::get_id());
-    EXPECT_EQ(log->countContaining("refused on the worker thread"), 1u);
+    EXPECT_EQ(log->countContaining(LogLevel::Error, "refused on the worker thread"), 1u);
     key.reset();  // the pipeline is gone: dropped with a log line
-    EXPECT_EQ(log->countContaining("ClientRequestManager: pipeline is gone, dropping Callback"),
+    EXPECT_EQ(log->countContaining(LogLevel::Warning,
+                                   "ClientRequestManager: pipeline is gone, dropping Callback"),
               1u);
 }
 

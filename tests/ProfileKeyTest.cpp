@@ -50,7 +50,7 @@ TEST(ProfileKeyTest, LifecycleRegistrationAndDeathPostCallbackRequests) {
     EXPECT_TRUE(release->hasReleaseToken());
     EXPECT_EQ(release->getReleaseToken(), 7u);
     EXPECT_TRUE(recorder.callback(0)->getExpirationKey().expired());
-    EXPECT_EQ(log.count("~ProfileKey"), 1u);
+    EXPECT_EQ(log.count(LogLevel::Debug, "~ProfileKey"), 1u);
 }
 
 TEST(ProfileKeyTest, ExpiredTrueWhenHandleGoneOrNeverSet) {

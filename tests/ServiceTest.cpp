@@ -100,7 +100,8 @@ class ServiceFixture : public testing::Test {
         diag_host_set_sink([](const msg_desc_type*, const char*, void*) {}, nullptr);
         Manager::getInstance().init(0, true);
         log = std::make_unique<test::ScopedLogCapture>();
-        ASSERT_TRUE(xalremote::waitForRegisteredClients(1, 20s));
+        ASSERT_TRUE(xalremote::waitForRegisteredClients(1, 20s))
+                << "the library did not register with the modem service";
         Manager::getInstance().refresh(PDC_REFRESH_COMPLETED);
     }
     // Every indication the service sent this process has been handled.
@@ -175,7 +176,8 @@ TEST_F(ServiceTest, OtherProcessChangesArriveAsForeignChanges) {
     settle();
     auto keys = byApn("elsewhere");
     ASSERT_EQ(keys.size(), 1u);
-    EXPECT_EQ(log->count("ProfileCache: updating cache due to indication!"), 2u);  // Create, Modify
+    EXPECT_EQ(log->count(LogLevel::Info, "ProfileCache: updating cache due to indication!"),
+              2u);  // Create, Modify
 
     result = onService({"modify", std::to_string(keys.front()->getProfileId()), "--ip", "v6"});
     ASSERT_EQ(result.status, 0) << result.err;
@@ -188,10 +190,11 @@ TEST_F(ServiceTest, OtherProcessChangesArriveAsForeignChanges) {
     auto watch = std::make_unique<Subprocess>(
             command(KIVCTL_PATH, {"--modem", socket, "--json", "watch", "--count", "2"}),
             Subprocess::Options());
-    ASSERT_TRUE(watch->waitForOutput("watching", 20s, /*fromError=*/true));
+    ASSERT_TRUE(watch->waitForOutput("watching", 20s, /*fromError=*/true))
+            << "kivctl watch did not start listening";
     ASSERT_TRUE(add("from.here", true));
     settle();
-    EXPECT_EQ(log->count("ProfileCache: pending transaction confirmed"), 2u);
+    EXPECT_EQ(log->count(LogLevel::Info, "ProfileCache: pending transaction confirmed"), 2u);
     const auto watched = watch->finish();
     EXPECT_EQ(watched.status, 0) << watched.err;
     EXPECT_NE(
@@ -234,7 +237,7 @@ TEST_F(ServiceTest, DaemonRestartedUnderLiveClientsLibraryRecovers) {
     // Every connection's end has reached the library: it knows the modem went down.
     settle();
     EXPECT_EQ(xalremote::registeredClients(), 0u);
-    EXPECT_TRUE(log->contains("Handling modem down"));
+    EXPECT_TRUE(log->contains(LogLevel::Warning, "Handling modem down"));
 
     startDaemon();
     ASSERT_TRUE(xalremote::waitForRegisteredClients(1, 20s)) << "the library did not reconnect";

@@ -135,7 +135,7 @@ TEST(SimModemTest, ProfileServiceIndexesCapacityEchoesAndBadRequests) {
     EXPECT_STREQ(stored->username, "me");
     EXPECT_STREQ(stored->apn_name, "one");  // only valid fields change
 
-    ASSERT_TRUE(sim().waitForCallbacks());
+    ASSERT_TRUE(sim().waitForCallbacks()) << "the modem's callbacks did not all run";
     const std::vector<std::pair<int, int>> expected = {
             {1, WDS_PROFILE_EVENT_CREATE_V01},   {1, WDS_PROFILE_EVENT_MODIFY_V01},
             {2, WDS_PROFILE_EVENT_CREATE_V01},   {2, WDS_PROFILE_EVENT_MODIFY_V01},
@@ -167,7 +167,7 @@ TEST(SimModemTest, ServiceRestartKeepsPersistentProfilesAndReportsOnEveryPromise
             xalsim::make3gppSettings("drop", "drop", WDS_PDP_TYPE_PDP_IPV4_V01, 1, false));
     Client client;
     client.watch();
-    ASSERT_TRUE(sim().waitForCallbacks());
+    ASSERT_TRUE(sim().waitForCallbacks()) << "the modem's callbacks did not all run";
     {
         kiv::MutexLock guard(client.lock);
         EXPECT_EQ(client.notifications, std::vector<int>{XAL_CLIENT_SERVICE_COUNT_INC});
@@ -183,7 +183,7 @@ TEST(SimModemTest, ServiceRestartKeepsPersistentProfilesAndReportsOnEveryPromise
     sim().setServiceUp(true);
     // Still lost for this client until it is released.
     EXPECT_EQ(client.send(0xAF, &bind, sizeof(bind), &resp, sizeof(resp)), XAL_SERVICE_ERR);
-    ASSERT_TRUE(sim().waitForCallbacks());
+    ASSERT_TRUE(sim().waitForCallbacks()) << "the modem's callbacks did not all run";
     {
         kiv::MutexLock guard(client.lock);
         EXPECT_EQ(client.errors, std::vector<int>{XAL_SERVICE_ERR});

@@ -1,7 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <functional>
+#include <map>
+#include <set>
+
 #include "Conversions.h"
 #include "LibraryFixture.h"
+#include "StateFile.h"
 #include "Util.h"
 
 namespace kiv {
@@ -45,7 +51,8 @@ TEST_F(UtilTest, LteAttachExactAndLooseMatchesAreOverwritten) {
     auto key = util.findOrCreateProfileForLteAttach(params);
     ASSERT_TRUE(key);
     EXPECT_EQ(key->getProfileId(), 1);
-    EXPECT_TRUE(log->contains("kiv Found an exact match modem or KIV IA profile for attach"));
+    EXPECT_TRUE(log->contains(LogLevel::Info,
+                              "kiv Found an exact match modem or KIV IA profile for attach"));
     EXPECT_STREQ(modem(1).username, "user");
     EXPECT_EQ(modem(1).max_pdn_conn_timer, 60);
 
@@ -54,8 +61,8 @@ TEST_F(UtilTest, LteAttachExactAndLooseMatchesAreOverwritten) {
     key = util.findOrCreateProfileForLteAttach(apn("internet", IPType::V4));
     ASSERT_TRUE(key);
     EXPECT_EQ(key->getProfileId(), 1);
-    EXPECT_TRUE(log->contains("kiv Found a loose match profile for attach"));
-    EXPECT_TRUE(log->contains("It is KIV_IA profile or modem profile."));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "kiv Found a loose match profile for attach"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "It is KIV_IA profile or modem profile."));
     EXPECT_EQ(modem(1).pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
 
     // Loose, update allowed: IP types are not filtered and are written.
@@ -64,7 +71,7 @@ TEST_F(UtilTest, LteAttachExactAndLooseMatchesAreOverwritten) {
     key = util.findOrCreateProfileForLteAttach(apn("internet", IPType::V6));
     ASSERT_TRUE(key);
     EXPECT_EQ(key->getProfileId(), 1);
-    EXPECT_TRUE(log->contains("kiv Found a loose match profile for attach"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "kiv Found a loose match profile for attach"));
     EXPECT_EQ(modem(1).pdp_type, WDS_PDP_TYPE_PDP_IPV6_V01);
     EXPECT_EQ(sim().profiles().size(), 2u);
 }
@@ -80,7 +87,7 @@ TEST_F(UtilTest, LteAttachLibraryProfilesSkippedReusedOrCreated) {
     auto key = util.findOrCreateProfileForLteAttach(apn("attach", IPType::V4));
     ASSERT_TRUE(key);
     EXPECT_NE(key->getProfileId(), dataKey->getProfileId());
-    EXPECT_TRUE(log->contains("kiv KIV IA profile created for attach"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "kiv KIV IA profile created for attach"));
     const auto created = modem(static_cast<uint8_t>(key->getProfileId()));
     EXPECT_STREQ(created.profile_name, "kiv_profile_ia");
     EXPECT_EQ(created.persistent, 1);
@@ -90,7 +97,8 @@ TEST_F(UtilTest, LteAttachLibraryProfilesSkippedReusedOrCreated) {
     auto again = util.findOrCreateProfileForLteAttach(apn("attach", IPType::V6));
     ASSERT_TRUE(again);
     EXPECT_EQ(again->getProfileId(), key->getProfileId());
-    EXPECT_TRUE(log->contains("kiv Found a KIV IA profile that matches APN name for attach"));
+    EXPECT_TRUE(log->contains(LogLevel::Info,
+                              "kiv Found a KIV IA profile that matches APN name for attach"));
     EXPECT_EQ(modem(static_cast<uint8_t>(key->getProfileId())).pdp_type, WDS_PDP_TYPE_PDP_IPV6_V01);
 
     // Any attach profile of the library is renamed rather than a second made.
@@ -98,22 +106,23 @@ TEST_F(UtilTest, LteAttachLibraryProfilesSkippedReusedOrCreated) {
     auto renamed = util.findOrCreateProfileForLteAttach(apn("elsewhere", IPType::V6));
     ASSERT_TRUE(renamed);
     EXPECT_EQ(renamed->getProfileId(), key->getProfileId());
-    EXPECT_TRUE(log->contains("kiv Found any KIV IA profile for attach"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "kiv Found any KIV IA profile for attach"));
     EXPECT_STREQ(modem(static_cast<uint8_t>(key->getProfileId())).apn_name, "elsewhere");
 
     // Without an APN name every stage searches without one.
     log->clear();
     EXPECT_TRUE(util.findOrCreateProfileForLteAttach(ProfileParams()));
-    EXPECT_TRUE(log->contains("kiv NULL apn scenario"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "kiv NULL apn scenario"));
     EXPECT_EQ(sim().profiles().size(), 4u);
 }
 
 TEST_F(UtilTest, MatchLteAttachProfileIdRelaxedOnlyForModemProfiles) {
     EXPECT_TRUE(util.matchLteAttachProfileId(1, apn("internet", IPType::V4)));
-    EXPECT_TRUE(log->contains("kiv matchLteAttachList < 1"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "kiv matchLteAttachList < 1"));
     EXPECT_FALSE(util.matchLteAttachProfileId(1, apn("other")));
     EXPECT_FALSE(util.matchLteAttachProfileId(9, apn("internet")));
-    EXPECT_TRUE(log->contains("kiv matchLteAttachProfileId < did not match input params"));
+    EXPECT_TRUE(log->contains(LogLevel::Info,
+                              "kiv matchLteAttachProfileId < did not match input params"));
     util.setProfileUpdateAllowed(true);
     EXPECT_FALSE(util.matchLteAttachProfileId(1, apn("internet", IPType::V4)));
     EXPECT_TRUE(util.matchLteAttachProfileId(1, apn("internet", IPType::V4V6)));
@@ -122,9 +131,9 @@ TEST_F(UtilTest, MatchLteAttachProfileIdRelaxedOnlyForModemProfiles) {
             manager().addProfile(AddProfileParams(apn("data"), false, TechType::TECH_3GPP, false));
     ASSERT_TRUE(data);
     EXPECT_FALSE(util.matchLteAttachProfileId(data->getProfileId(), apn("data")));
-    EXPECT_TRUE(
-            log->contains("Profile id 3 is a KIV profile which is not an IA profile, cannot "
-                          "be used for attach"));
+    EXPECT_TRUE(log->contains(LogLevel::Error,
+                              "Profile id 3 is a KIV profile which is not an IA profile, cannot "
+                              "be used for attach"));
 }
 
 TEST_F(UtilTest, SetupDataCallSearchesThenCreatesTemporary) {
@@ -133,7 +142,7 @@ TEST_F(UtilTest, SetupDataCallSearchesThenCreatesTemporary) {
                                                         apn("internet", IPType::V4));
     ASSERT_TRUE(key);
     EXPECT_EQ(key->getProfileId(), 1);
-    EXPECT_TRUE(log->contains("found existing setupDataCall profile"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "found existing setupDataCall profile"));
     EXPECT_EQ(modem(1).pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
 
     // The user name takes part only for 3GPP2.
@@ -150,7 +159,7 @@ TEST_F(UtilTest, SetupDataCallSearchesThenCreatesTemporary) {
     key = util.findOrCreateProfileForSetupDataCall(TechType::TECH_3GPP2, other);
     ASSERT_TRUE(key);
     EXPECT_EQ(key->getProfileId(), 102);  // created: the user differs
-    EXPECT_TRUE(log->contains("setupDataCall profile added"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "setupDataCall profile added"));
     EXPECT_EQ(modem(102, WDS_PROFILE_TYPE_3GPP2_V01).persistent, 0);
     key.reset();  // temporary: gone with its key
     EXPECT_FALSE(sim().getProfile(WDS_PROFILE_TYPE_3GPP2_V01, 102));
@@ -162,7 +171,7 @@ TEST_F(UtilTest, SetupDataCallSearchesThenCreatesTemporary) {
     key = util.findOrCreateProfileForSetupDataCall(TechType::TECH_3GPP, rewrite);
     ASSERT_TRUE(key);
     EXPECT_EQ(key->getProfileId(), 1);
-    EXPECT_TRUE(log->contains("Modifying profile with input parameters"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "Modifying profile with input parameters"));
     EXPECT_EQ(modem(1).pdp_type, WDS_PDP_TYPE_PDP_IPV6_V01);
     EXPECT_STREQ(modem(1).password, "secret");
 }
@@ -172,7 +181,7 @@ TEST_F(UtilTest, EmergencyDataCallByNameBySupportOrCreatedPersistent) {
     params.setApnTypesMask(APN_TYPE_DEFAULT);
     auto key = util.findOrCreateProfileForEmergencyDataCall(params);
     ASSERT_TRUE(key);
-    EXPECT_TRUE(log->contains("emergency profile created"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "emergency profile created"));
     const auto created = modem(static_cast<uint8_t>(key->getProfileId()));
     EXPECT_EQ(created.persistent, 1);
     EXPECT_EQ(created.support_emergency_calls, 1);
@@ -183,14 +192,14 @@ TEST_F(UtilTest, EmergencyDataCallByNameBySupportOrCreatedPersistent) {
     auto byName = util.findOrCreateProfileForEmergencyDataCall(apn("SOS"));
     ASSERT_TRUE(byName);
     EXPECT_EQ(byName->getProfileId(), key->getProfileId());
-    EXPECT_TRUE(log->contains("found an emergency profile by name"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "found an emergency profile by name"));
 
     log->clear();
     auto bySupport = util.findOrCreateProfileForEmergencyDataCall(ProfileParams());
     ASSERT_TRUE(bySupport);
     EXPECT_EQ(bySupport->getProfileId(), key->getProfileId());
-    EXPECT_TRUE(log->contains("found a profile that supports emergency calls"));
-    EXPECT_FALSE(log->contains("found an emergency profile by name"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "found a profile that supports emergency calls"));
+    EXPECT_EQ(log->mentions("found an emergency profile by name"), 0u);
     EXPECT_EQ(sim().profiles().size(), 3u);
 }
 
@@ -208,13 +217,13 @@ TEST_F(UtilTest, ApnClassModifiesEveryMatchOrCreatesOnePersistent) {
     util.updateModemProfileByApnClass({inetClass, apn("no.class")}, {imsClass});
     EXPECT_STREQ(modem(static_cast<uint8_t>(first)).apn_name, "carrier.inet");
     EXPECT_STREQ(modem(static_cast<uint8_t>(second)).apn_name, "carrier.inet");
-    EXPECT_TRUE(log->contains("kiv either tech type or apn class is missing"));
+    EXPECT_TRUE(log->contains(LogLevel::Debug, "kiv either tech type or apn class is missing"));
     const auto created = modem(101, WDS_PROFILE_TYPE_3GPP2_V01);
     EXPECT_STREQ(created.apn_string, "carrier.ims");
     EXPECT_EQ(created.apn_class_3gpp2, static_cast<uint8_t>(ApnClass::IMS));
     EXPECT_EQ(created.persistent, 1);
     EXPECT_EQ(sim().profiles().size(), 5u);
-    EXPECT_TRUE(log->contains("kiv updateModemProfileByApnClass < OK"));
+    EXPECT_TRUE(log->contains(LogLevel::Info, "kiv updateModemProfileByApnClass < OK"));
 }
 
 TEST_F(UtilTest, ApnTypesMergedPerNameAndFallBackAcrossIPFamilies) {
@@ -235,11 +244,11 @@ TEST_F(UtilTest, ApnTypesMergedPerNameAndFallBackAcrossIPFamilies) {
     });
     EXPECT_EQ(modem(2).apn_type_mask, modemMask(APN_TYPE_IMS | APN_TYPE_XCAP | APN_TYPE_MMS));
     EXPECT_EQ(modem(1).apn_type_mask, modemMask(APN_TYPE_DEFAULT | APN_TYPE_SUPL));
-    EXPECT_TRUE(log->contains("kiv APN type mask not present, setting to 0"));
-    EXPECT_TRUE(log->contains("kiv Home IP type not present, setting to v4v6"));
-    EXPECT_TRUE(
-            log->contains("kiv processing APN name ims, V4 mask:0x0, v6 mask0x842:, "
-                          "v4v6 mask:0x0"));
+    EXPECT_TRUE(log->contains(LogLevel::Error, "kiv APN type mask not present, setting to 0"));
+    EXPECT_TRUE(log->contains(LogLevel::Error, "kiv Home IP type not present, setting to v4v6"));
+    EXPECT_TRUE(log->contains(LogLevel::Debug,
+                              "kiv processing APN name ims, V4 mask:0x0, v6 mask0x842:, "
+                              "v4v6 mask:0x0"));
 
     // No V4 and no V4V6 profile: the V4 and V4V6 types end on the V6 profile.
     const int v6 = seed(xalsim::make3gppSettings("fb", "fb", WDS_PDP_TYPE_PDP_IPV6_V01, 0, true));
@@ -261,12 +270,171 @@ TEST_F(UtilTest, ApnTypesMergedPerNameAndFallBackAcrossIPFamilies) {
     EXPECT_EQ(modem(2).apn_type_mask, modemMask(APN_TYPE_IMS | APN_TYPE_XCAP | APN_TYPE_MMS));
 }
 
+// What each helper must leave alone: exactly the profiles named change on the
+// modem, whatever else has a similar name, IP family, class or technology.
+TEST_F(UtilTest, HelpersChangeOnlyTheProfilesTheirRulesName) {
+    seed(xalsim::make3gppSettings("internet4", "internet", WDS_PDP_TYPE_PDP_IPV4_V01, 0, true));
+    auto corp = xalsim::make3gppSettings("corp", "corp", WDS_PDP_TYPE_PDP_IPV4V6_V01, 0, true);
+    corp.apn_class_valid = 1;
+    corp.apn_class = static_cast<uint8_t>(ApnClass::INET);
+    seed(corp);
+    seed(xalsim::make3gpp2Settings("internet", WDS_PROFILE_PDN_TYPE_IPV4_V01, true),
+         WDS_PROFILE_TYPE_3GPP2_V01);
+    // 3GPP: 1 internet V4V6, 2 ims V6, 3 internet V4, 4 corp V4V6 INET;
+    // 3GPP2: 101 internet V4.
+    using Slot = std::pair<int, int>;
+    auto snapshot = [] {
+        std::map<Slot, xalsim::Settings> all;
+        for (const auto& p : sim().profiles()) all[{p.type, p.index}] = p.settings;
+        return all;
+    };
+    auto typed = [](const char* name, uint32_t mask, IPType home) {
+        ProfileParams params = apn(name, home);
+        params.setApnTypesMask(mask);
+        return params;
+    };
+    struct Row {
+        const char* name;
+        std::function<void()> run;
+        std::set<Slot> changes;
+    };
+    const int k3gpp = WDS_PROFILE_TYPE_3GPP_V01, k3gpp2 = WDS_PROFILE_TYPE_3GPP2_V01;
+    const std::vector<Row> rows = {
+            // V6 types with no V6 profile: onto the dual-stack one; the V4
+            // profile of the same name is another family and stays. The
+            // 3GPP2 technology has no dual-stack profile: onto its V4 one.
+            {"APN types for a missing family",
+             [&] {
+                 util.updateAPNTypeBitmaskOnModemProfile(
+                         {typed("internet", APN_TYPE_MMS, IPType::V6)});
+             },
+             {{k3gpp, 1}, {k3gpp2, 101}}},
+            // V4 types with a V4 profile: that one only, not the dual-stack one.
+            {"APN types for a present family",
+             [&] {
+                 util.updateAPNTypeBitmaskOnModemProfile(
+                         {typed("internet", APN_TYPE_DUN, IPType::V4)});
+             },
+             {{k3gpp, 3}, {k3gpp2, 101}}},
+            {"APN types of an unknown name",
+             [&] {
+                 util.updateAPNTypeBitmaskOnModemProfile(
+                         {typed("nowhere", APN_TYPE_DUN, IPType::V4)});
+             },
+             {}},
+            {"APN class",
+             [&] {
+                 ProfileParams inet = apn("carrier");
+                 inet.setApnClass(ApnClass::INET);
+                 util.updateModemProfileByApnClass({inet}, {});
+             },
+             {{k3gpp, 4}}},
+            // Found, but an update is not allowed: nothing is written.
+            {"data call found",
+             [&] {
+                 EXPECT_EQ(util.findOrCreateProfileForSetupDataCall(TechType::TECH_3GPP,
+                                                                    apn("internet", IPType::V4))
+                                   ->getProfileId(),
+                           3);
+             },
+             {}},
+            {"emergency created",
+             [&] {
+                 EXPECT_EQ(util.findOrCreateProfileForEmergencyDataCall(apn("sos"))->getProfileId(),
+                           5);
+             },
+             {{k3gpp, 5}}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto before = snapshot();
+        row.run();
+        const auto after = snapshot();
+        std::set<Slot> changed;
+        for (const auto& [slot, settings] : after) {
+            auto old = before.find(slot);
+            if (old == before.end() || memcmp(&old->second, &settings, sizeof(settings)) != 0) {
+                changed.insert(slot);
+            }
+        }
+        for (const auto& [slot, settings] : before) {
+            if (after.count(slot) == 0) changed.insert(slot);
+        }
+        EXPECT_EQ(changed, row.changes);
+    }
+
+    // The relaxed IP match is for the modem's own profiles: the library's
+    // attach profile must match as it is.
+    util.setProfileUpdateAllowed(false);
+    auto attach = util.findOrCreateProfileForLteAttach(apn("attach.here", IPType::V4V6));
+    ASSERT_TRUE(attach);
+    EXPECT_TRUE(util.matchLteAttachProfileId(1, apn("internet", IPType::V4)));
+    EXPECT_FALSE(
+            util.matchLteAttachProfileId(attach->getProfileId(), apn("attach.here", IPType::V4)));
+    EXPECT_TRUE(
+            util.matchLteAttachProfileId(attach->getProfileId(), apn("attach.here", IPType::V4V6)));
+}
+
+// A helper whose create or modify the modem refuses: what the caller gets,
+// and the modem as it was.
+TEST_F(UtilTest, HelpersWhoseRequestFailsReturnWhatTheirRulesSay) {
+    struct Row {
+        const char* name;
+        unsigned int refused;
+        std::function<std::shared_ptr<IProfileKey>()> run;
+        int expectedId;  // 0: no key
+        LogLevel level;
+        const char* line;
+    };
+    const std::vector<Row> rows = {
+            {"attach created", XAL_WDS_CREATE_PROFILE_REQ_V01,
+             [&] { return util.findOrCreateProfileForLteAttach(apn("new.attach", IPType::V4)); }, 0,
+             LogLevel::Info, "kiv KIV IA profile created for attach"},
+            // The found profile is returned though the update did not land.
+            {"attach found", XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01,
+             [&] {
+                 ProfileParams params = apn("internet", IPType::V4V6);
+                 params.setUserName("ignored");
+                 return util.findOrCreateProfileForLteAttach(params);
+             },
+             1, LogLevel::Info, "kiv Modifying profile identified for IA"},
+            {"data call", XAL_WDS_CREATE_PROFILE_REQ_V01,
+             [&] {
+                 return util.findOrCreateProfileForSetupDataCall(TechType::TECH_3GPP2, apn("x"));
+             },
+             0, LogLevel::Info, "setupDataCall profile added"},
+            {"emergency", XAL_WDS_CREATE_PROFILE_REQ_V01,
+             [&] { return util.findOrCreateProfileForEmergencyDataCall(apn("sos")); }, 0,
+             LogLevel::Info, "emergency profile created"},
+            {"APN class", XAL_WDS_CREATE_PROFILE_REQ_V01,
+             [&] {
+                 ProfileParams admin = apn("admin");
+                 admin.setApnClass(ApnClass::ADMN);
+                 util.updateModemProfileByApnClass({admin}, {});
+                 return std::shared_ptr<IProfileKey>();
+             },
+             0, LogLevel::Error, "Could not add profile by APN class"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto modem = xalsim::StateFile::serialize(sim().table());
+        log->clear();
+        sim().failNext(row.refused, 1);
+        const auto key = row.run();
+        EXPECT_EQ(key ? key->getProfileId() : 0, row.expectedId);
+        EXPECT_TRUE(log->contains(row.level, row.line));
+        EXPECT_EQ(xalsim::StateFile::serialize(sim().table()), modem);
+        EXPECT_EQ(sim().counters().failedRequests, &row - rows.data() + 1u);
+    }
+}
+
 TEST_F(UtilTest, UpdateByTechTypeZeroMasksSendNothing) {
     const auto modifies = sim().requestCount(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01);
     util.handleProfileUpdateByTechType(TechType::TECH_3GPP, 0, 0, 0, "internet");
     EXPECT_EQ(sim().requestCount(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01), modifies);
     EXPECT_FALSE(util.updateByIpType(TechType::TECH_3GPP, IPType::V4, 1, "internet"));
-    EXPECT_TRUE(log->contains("kiv no match found for apn name:internet, ip type:1, tech type:0"));
+    EXPECT_TRUE(log->contains(LogLevel::Debug,
+                              "kiv no match found for apn name:internet, ip type:1, tech type:0"));
     EXPECT_TRUE(util.updateByIpType(TechType::TECH_3GPP, IPType::V4V6, 1, "internet"));
 }
 

@@ -43,13 +43,14 @@ class ProxyFixture : public testing::Test {
     void waitForRegistrations(size_t count) {
         ASSERT_TRUE(sim().waitUntil([count] {
             return sim().requestCount(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01) >= count;
-        }));
+        })) << "the proxy did not register with the modem ("
+            << count << " times in all)";
         loop.sync();
     }
 
     // Every indication the simulator sent has been handled on the worker.
     void deliverIndications() {
-        ASSERT_TRUE(sim().waitForCallbacks());
+        ASSERT_TRUE(sim().waitForCallbacks()) << "the modem's callbacks did not all run";
         loop.sync();
     }
 
@@ -99,9 +100,10 @@ TEST_F(XalWdsProxyTest, ConnectSendsThreeRegistrationsByteForByte) {
             EXPECT_EQ(client.subscription, uint32_t{kSubscription});
         }
     }
-    EXPECT_TRUE(log.contains("XalWdsProxy bind register request successful!"));
-    EXPECT_TRUE(log.contains("XalWdsProxy indication register request successful!"));
-    EXPECT_TRUE(log.contains("XalWdsProxy config register request successful!"));
+    EXPECT_TRUE(log.contains(LogLevel::Debug, "XalWdsProxy bind register request successful!"));
+    EXPECT_TRUE(
+            log.contains(LogLevel::Debug, "XalWdsProxy indication register request successful!"));
+    EXPECT_TRUE(log.contains(LogLevel::Debug, "XalWdsProxy config register request successful!"));
 }
 
 TEST_F(XalWdsProxyTest, ServiceUpSignalsCollapseAndSkipAnOpenClient) {
@@ -112,11 +114,14 @@ TEST_F(XalWdsProxyTest, ServiceUpSignalsCollapseAndSkipAnOpenClient) {
     XalWdsProxy::xalNotifyCb(nullptr, nullptr, XAL_CLIENT_SERVICE_COUNT_DEC, mProxy.get());
     release();
     loop.sync();
-    EXPECT_EQ(log.count("XalWdsProxy service is up, trying to initialize svc client"), 1u);
-    EXPECT_EQ(log.count("XalWdsProxy client is already present, so skipping client "
+    EXPECT_EQ(log.count(LogLevel::Debug,
+                        "XalWdsProxy service is up, trying to initialize svc client"),
+              1u);
+    EXPECT_EQ(log.count(LogLevel::Debug,
+                        "XalWdsProxy client is already present, so skipping client "
                         "initialization."),
               1u);
-    EXPECT_EQ(log.count("XalWdsProxy notify cb: unsupported service event"), 1u);
+    EXPECT_EQ(log.count(LogLevel::Error, "XalWdsProxy notify cb: unsupported service event"), 1u);
     EXPECT_EQ(sim().requestCount(XAL_WDS_BIND_SUBSCRIPTION_REQ_V01), 1u);
 }
 
@@ -124,7 +129,7 @@ TEST_F(XalWdsProxyTest, ModemRestartReconnectsAndRegistersAgain) {
     const xal_client_type before = serviceClient();
     sim().restart();
     waitForRegistrations(2);
-    EXPECT_TRUE(log.contains("Handling modem down"));
+    EXPECT_TRUE(log.contains(LogLevel::Warning, "Handling modem down"));
     EXPECT_NE(serviceClient(), before);
     EXPECT_EQ(sim().requests(serviceClient()).size(), 3u);
     // The proxy works on the new connection.
@@ -135,9 +140,10 @@ TEST_F(XalWdsProxyTest, ModemRestartReconnectsAndRegistersAgain) {
     // restart brings it back.
     sim().failClientInit(1);
     sim().restart();
-    ASSERT_TRUE(sim().waitUntil([] { return sim().counters().notifyCallbacks >= 3; }));
+    ASSERT_TRUE(sim().waitUntil([] { return sim().counters().notifyCallbacks >= 3; }))
+            << "the restarted modem did not notify";
     loop.sync();
-    EXPECT_TRUE(log.contains("xal_client_init error. ErrCode : -1"));
+    EXPECT_TRUE(log.contains(LogLevel::Error, "xal_client_init error. ErrCode : -1"));
     EXPECT_TRUE(loop.run([this] { return mProxy->getAllProfiles(); }).empty());
 }
 
@@ -155,18 +161,31 @@ TEST_F(XalWdsProxyTest, IndicationsDecodedMappedAndBadOnesDropped) {
     EXPECT_EQ(seen[1].dump(), "3GPP2:101 ProfileReady");
     EXPECT_EQ(seen[2].dump(), "3GPP:1 ProfileReady");
     EXPECT_EQ(seen[3].event, ProfileChangedEvent::SubscriptionChange);
-    EXPECT_TRUE(log.contains("Unknown message ID 85 received"));
-    EXPECT_TRUE(log.contains("Profile changed ind TLV is not valid"));
+    EXPECT_TRUE(log.contains(LogLevel::Verbose, "Unknown message ID 85 received"));
+    EXPECT_TRUE(log.contains(LogLevel::Error, "Profile changed ind TLV is not valid"));
+
+    // An unknown message does not stop the pass: what is queued behind it
+    // arrives with it, without another signal.
+    auto release = loop.hold();
+    sim().sendUnknownIndication(0x56);
+    sim().sendProfileChanged(WDS_PROFILE_TYPE_3GPP_V01, 4, WDS_PROFILE_EVENT_CREATE_V01);
+    ASSERT_TRUE(sim().waitForCallbacks()) << "the modem's callbacks did not all run";
+    release();
+    loop.sync();
+    seen = loop.run([this] { return mIndications; });
+    ASSERT_EQ(seen.size(), 5u);
+    EXPECT_EQ(seen[4].dump(), "3GPP:4 Create");
+    loop.run([this] { mIndications.pop_back(); });
 
     // A buffer that does not decode stops the pass; what follows it waits
     // for the next signal.
-    auto release = loop.hold();
+    release = loop.hold();
     sim().sendUndecodableIndication();
     sim().sendProfileChanged(WDS_PROFILE_TYPE_3GPP_V01, 2, WDS_PROFILE_EVENT_DELETE_V01);
     ASSERT_TRUE(sim().waitForCallbacks());
     release();
     loop.sync();
-    EXPECT_TRUE(log.contains("Unable to decode the nr status ind message"));
+    EXPECT_TRUE(log.contains(LogLevel::Error, "Unable to decode the nr status ind message"));
     EXPECT_EQ(loop.run([this] { return mIndications.size(); }), 4u);
     sim().sendProfileChanged(WDS_PROFILE_TYPE_3GPP_V01, 2, WDS_PROFILE_EVENT_CREATE_V01);
     deliverIndications();
@@ -185,11 +204,13 @@ TEST_F(XalWdsProxyTest, ProfileOperationsSuccessAndFailurePaths) {
     sim().timeoutNext(XAL_WDS_CREATE_PROFILE_REQ_V01, 1);
     EXPECT_FALSE(loop.run([&] { return mProxy->add(profile); }));
     EXPECT_EQ(profile.getProfileId(), -1);
-    EXPECT_TRUE(log.contains("Unable send XAL_WDS_CREATE_PROFILE_REQ_V01 message"));
+    EXPECT_TRUE(
+            log.contains(LogLevel::Error, "Unable send XAL_WDS_CREATE_PROFILE_REQ_V01 message"));
 
     ASSERT_TRUE(loop.run([&] { return mProxy->add(profile); }));
     EXPECT_EQ(profile.getProfileId(), 3);
-    EXPECT_TRUE(log.contains("XalWdsProxy XAL_WDS_CREATE_PROFILE_REQ_V01 request successful!"));
+    EXPECT_TRUE(log.contains(LogLevel::Info,
+                             "XalWdsProxy XAL_WDS_CREATE_PROFILE_REQ_V01 request successful!"));
     auto stored = sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3);
     ASSERT_TRUE(stored);
     EXPECT_STREQ(stored->apn_name, "temp");
@@ -201,18 +222,21 @@ TEST_F(XalWdsProxyTest, ProfileOperationsSuccessAndFailurePaths) {
     ASSERT_TRUE(loop.run([&] { return mProxy->modify(update, TechType::TECH_3GPP, 3); }));
     EXPECT_STREQ(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3)->apn_name, "other");
     EXPECT_FALSE(loop.run([&] { return mProxy->modify(update, TechType::TECH_3GPP, 9); }));
-    EXPECT_TRUE(log.contains("Unable send XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 message"));
+    EXPECT_TRUE(log.contains(LogLevel::Error,
+                             "Unable send XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 message"));
 
     auto read = loop.run([&] { return mProxy->get(TechType::TECH_3GPP, 3); });
     ASSERT_TRUE(read);
     EXPECT_EQ(read->getApnName(), "other");
     EXPECT_EQ(loop.run([&] { return mProxy->get(TechType::TECH_3GPP2, 101); }), nullptr);
-    EXPECT_TRUE(log.contains("Unable send XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01 message"));
+    EXPECT_TRUE(log.contains(LogLevel::Error,
+                             "Unable send XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01 message"));
 
     EXPECT_TRUE(loop.run([&] { return mProxy->remove(TechType::TECH_3GPP, 3); }));
     EXPECT_FALSE(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3));
     EXPECT_FALSE(loop.run([&] { return mProxy->remove(TechType::TECH_3GPP, 3); }));
-    EXPECT_TRUE(log.contains("Unable send XAL_WDS_DELETE_PROFILE_REQ_V01 message"));
+    EXPECT_TRUE(
+            log.contains(LogLevel::Error, "Unable send XAL_WDS_DELETE_PROFILE_REQ_V01 message"));
 
     // With the service down every request fails.
     sim().setServiceUp(false);
@@ -256,7 +280,8 @@ TEST_F(XalWdsProxyTest, GetAllProfilesListsInOrderWithinBounds) {
     sim().corruptNextSettings(1);
     all = loop.run([this] { return mProxy->getAllProfiles(); });
     EXPECT_EQ(all.size(), 255u + 1u);
-    EXPECT_TRUE(log.contains("XalWdsProxy: profile list count 300 above 255, reading 255"));
+    EXPECT_TRUE(log.contains(LogLevel::Error,
+                             "XalWdsProxy: profile list count 300 above 255, reading 255"));
     auto first = std::dynamic_pointer_cast<Modem3gppProfile>(all.front());
     ASSERT_TRUE(first);
     EXPECT_EQ(first->getApnName(), std::string(150, 'z'));

@@ -297,6 +297,10 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
         return XAL_CLIENT_INVALID_CLNT;
     }
     if (!mServiceUp || client->serviceLost) return XAL_SERVICE_ERR;
+    if (consume(mTransportErrors, msgId)) {
+        touchLocked();
+        return XAL_INTERNAL_ERR;
+    }
 
     const uint8_t* bytes = static_cast<const uint8_t*>(request);
     mRequests.push_back({id, msgId, timeoutMs,
@@ -435,6 +439,7 @@ void ModemCore::reset(const Config& config) {
     mCounters = Counters();
     mFailures.clear();
     mTimeouts.clear();
+    mTransportErrors.clear();
     mGetAnyServiceFailures = mClientInitFailures = 0;
     mCorruptLists = mCorruptSettings = 0;
     mInjectedResponses.clear();
@@ -614,6 +619,11 @@ void ModemCore::failNext(unsigned int msgId, int count, int skip) {
 void ModemCore::timeoutNext(unsigned int msgId, int count) {
     kiv::MutexLock guard(mLock);
     mTimeouts[msgId] = count;
+}
+
+void ModemCore::transportErrorNext(unsigned int msgId, int count) {
+    kiv::MutexLock guard(mLock);
+    mTransportErrors[msgId] = count;
 }
 
 void ModemCore::failGetAnyService(int count) {

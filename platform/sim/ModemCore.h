@@ -185,7 +185,14 @@ class ModemCore {
     // --- Failure injection: the next N of a kind.
     // Failure results for count requests of msgId, after the next `skip` of them.
     void failNext(unsigned int msgId, int count, int skip = 0);
-    void timeoutNext(unsigned int msgId, int count);  // XAL_TIMEOUT_ERR
+    // The next count requests of msgId get no answer (XAL_TIMEOUT_ERR). In
+    // process the error comes at once: nobody waits out the request's
+    // time-out, which is recorded with the request. The modem service does
+    // wait it out.
+    void timeoutNext(unsigned int msgId, int count);
+    // The next count requests of msgId fail in transport (XAL_INTERNAL_ERR):
+    // the modem never sees them.
+    void transportErrorNext(unsigned int msgId, int count);
     void failGetAnyService(int count);
     void failClientInit(int count);
     void corruptNextList(int count);      // count above 255, names without NUL
@@ -287,6 +294,7 @@ class ModemCore {
     Counters mCounters GUARDED_BY(mLock);
     std::map<unsigned int, Failures> mFailures GUARDED_BY(mLock);
     std::map<unsigned int, int> mTimeouts GUARDED_BY(mLock);
+    std::map<unsigned int, int> mTransportErrors GUARDED_BY(mLock);
     int mGetAnyServiceFailures GUARDED_BY(mLock) = 0;
     int mClientInitFailures GUARDED_BY(mLock) = 0;
     int mCorruptLists GUARDED_BY(mLock) = 0;

@@ -35,13 +35,39 @@ std::vector<LogLine> ScopedLogCapture::lines() const {
     return mStore->lines;
 }
 
-size_t ScopedLogCapture::count(const std::string& text) const {
+size_t ScopedLogCapture::count(LogLevel level, const std::string& text) const {
     size_t n = 0;
-    for (const auto& line : lines()) n += line.message == text;
+    for (const auto& line : lines()) n += line.level == level && line.message == text;
     return n;
 }
 
-size_t ScopedLogCapture::countContaining(const std::string& fragment) const {
+testing::AssertionResult ScopedLogCapture::contains(LogLevel level, const std::string& text) const {
+    const auto all = lines();
+    std::string seen;
+    for (const auto& line : all) {
+        if (line.message != text) continue;
+        if (line.level == level) return testing::AssertionSuccess();
+        seen += " " + std::to_string(static_cast<int>(line.level));
+    }
+    auto failure = testing::AssertionFailure()
+                   << "\"" << text << "\" not logged at level " << static_cast<int>(level);
+    if (!seen.empty()) return failure << "; logged at level" << seen;
+    failure << "; the lines were:";
+    for (const auto& line : all) {
+        failure << "\n  " << static_cast<int>(line.level) << " " << line.message;
+    }
+    return failure;
+}
+
+size_t ScopedLogCapture::countContaining(LogLevel level, const std::string& fragment) const {
+    size_t n = 0;
+    for (const auto& line : lines()) {
+        n += line.level == level && line.message.find(fragment) != std::string::npos;
+    }
+    return n;
+}
+
+size_t ScopedLogCapture::mentions(const std::string& fragment) const {
     size_t n = 0;
     for (const auto& line : lines()) n += line.message.find(fragment) != std::string::npos;
     return n;

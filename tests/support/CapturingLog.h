@@ -2,6 +2,8 @@
 // installed.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,11 +27,16 @@ class ScopedLogCapture {
     ScopedLogCapture& operator=(const ScopedLogCapture&) = delete;
 
     std::vector<LogLine> lines() const;
-    // Number of lines whose message equals text exactly.
-    size_t count(const std::string& text) const;
-    bool contains(const std::string& text) const { return count(text) > 0; }
-    // Number of lines whose message contains the fragment.
-    size_t countContaining(const std::string& fragment) const;
+    // Lines at the level whose message equals text exactly.
+    size_t count(LogLevel level, const std::string& text) const;
+    // Whether such a line was written; if not, says what was (the same text
+    // at another level, or every line).
+    testing::AssertionResult contains(LogLevel level, const std::string& text) const;
+    // Lines at the level whose message contains the fragment.
+    size_t countContaining(LogLevel level, const std::string& fragment) const;
+    // Lines at any level whose message contains the fragment: for checking
+    // that something was not logged.
+    size_t mentions(const std::string& fragment) const;
     void clear();
 
     struct Store {

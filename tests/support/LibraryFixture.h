@@ -31,6 +31,9 @@ class LibraryFixture : public testing::Test {
         return manager().filter(filter);
     }
     std::shared_ptr<IProfileKey> findOne(int profileId, TechType tech = TechType::TECH_3GPP);
+    // The cache's entries and the echoes it awaits, as Manager::dump() shows them.
+    static std::vector<std::string> cacheLines();
+    static std::vector<std::string> pendingLines();
 
     size_t connections = 0;
     std::unique_ptr<ScopedLogCapture> log;

@@ -20,8 +20,10 @@ namespace kiv::test {
 using Clock = std::chrono::steady_clock;
 
 Subprocess::Subprocess(const std::vector<std::string>& argv, const Options& options) {
-    int in[2], out[2], err[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
+    // The child's ends, closed in the parent once it has them.
+    android::base::unique_fd childIn, childOut, childErr;
+    if (!android::base::Pipe(&childIn, &mIn) || !android::base::Pipe(&mOut, &childOut) ||
+        !android::base::Pipe(&mErr, &childErr)) {
         abort();
     }
     // Everything the child needs is made before fork: after it, only calls
@@ -41,9 +43,9 @@ Subprocess::Subprocess(const std::vector<std::string>& argv, const Options& opti
 
     mPid = fork();
     if (mPid == 0) {
-        dup2(in[0], STDIN_FILENO);
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
+        dup2(childIn.get(), STDIN_FILENO);
+        dup2(childOut.get(), STDOUT_FILENO);
+        dup2(childErr.get(), STDERR_FILENO);
         if (options.fileSizeLimit) {
             rlimit limit{static_cast<rlim_t>(*options.fileSizeLimit),
                          static_cast<rlim_t>(*options.fileSizeLimit)};
@@ -56,12 +58,6 @@ Subprocess::Subprocess(const std::vector<std::string>& argv, const Options& opti
         execvpe(args[0], args.data(), env.data());
         _exit(127);
     }
-    ::close(in[0]);
-    ::close(out[1]);
-    ::close(err[1]);
-    mIn = in[1];
-    mOut = out[0];
-    mErr = err[0];
 }
 
 Subprocess::~Subprocess() {
@@ -69,23 +65,19 @@ Subprocess::~Subprocess() {
         ::kill(mPid, SIGKILL);
         waitpid(mPid, nullptr, 0);
     }
-    for (int fd : {mIn, mOut, mErr}) {
-        if (fd >= 0) ::close(fd);
-    }
 }
 
 void Subprocess::write(const std::string& text) {
     size_t done = 0;
     while (done < text.size()) {
-        const ssize_t n = ::write(mIn, text.data() + done, text.size() - done);
+        const ssize_t n = ::write(mIn.get(), text.data() + done, text.size() - done);
         if (n <= 0) return;
         done += static_cast<size_t>(n);
     }
 }
 
 void Subprocess::closeInput() {
-    if (mIn >= 0) ::close(mIn);
-    mIn = -1;
+    mIn.reset();
 }
 
 void Subprocess::kill(int signal) {
@@ -93,20 +85,19 @@ void Subprocess::kill(int signal) {
 }
 
 bool Subprocess::pump(Clock::time_point deadline) {
-    pollfd fds[2] = {{mOut, POLLIN, 0}, {mErr, POLLIN, 0}};
+    pollfd fds[2] = {{mOut.get(), POLLIN, 0}, {mErr.get(), POLLIN, 0}};
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    if (mOut < 0 && mErr < 0) return false;
+    if (!mOut.ok() && !mErr.ok()) return false;
     if (poll(fds, 2, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0) return true;
     char buffer[4096];
     for (int i = 0; i < 2; ++i) {
-        int& fd = i == 0 ? mOut : mErr;
-        if (fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
-        const ssize_t n = read(fd, buffer, sizeof(buffer));
+        android::base::unique_fd& fd = i == 0 ? mOut : mErr;
+        if (!fd.ok() || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
+        const ssize_t n = read(fd.get(), buffer, sizeof(buffer));
         if (n > 0) {
             (i == 0 ? mOutText : mErrText).append(buffer, static_cast<size_t>(n));
         } else {
-            ::close(fd);
-            fd = -1;
+            fd.reset();
         }
     }
     return true;
@@ -139,12 +130,11 @@ Subprocess::Result Subprocess::finish(std::chrono::milliseconds timeout) {
     Result result;
     if (!mStatus) {
         // The child's exit, waited for with the same deadline.
-        const int exited = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0));
-        pollfd end{exited, POLLIN, 0};
+        const android::base::unique_fd exited(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
+        pollfd end{exited.get(), POLLIN, 0};
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        const bool done = exited >= 0 &&
+        const bool done = exited.ok() &&
                           poll(&end, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) > 0;
-        if (exited >= 0) ::close(exited);
         int status = 0;
         if (!done) {
             ::kill(mPid, SIGKILL);

@@ -3,6 +3,7 @@
 // killed and the wait reports it, so no test hangs.
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -54,9 +55,9 @@ class Subprocess {
     bool pump(std::chrono::steady_clock::time_point deadline);
 
     pid_t mPid = -1;
-    int mIn = -1;
-    int mOut = -1;
-    int mErr = -1;
+    android::base::unique_fd mIn;
+    android::base::unique_fd mOut;
+    android::base::unique_fd mErr;
     std::string mOutText;
     std::string mErrText;
     std::optional<int> mStatus;

@@ -11,6 +11,7 @@
 #include "EventFd.h"
 #include "EventManager.h"
 #include "Mutex.h"
+#include "Watchdog.h"
 
 namespace kiv::test {
 
@@ -36,6 +37,7 @@ class WorkerLoop {
         std::packaged_task<decltype(f())()> task(std::move(f));
         auto result = task.get_future();
         post([&task] { task(); });
+        Waiting waiting("the test's worker loop to run a call");
         return result.get();
     }
 
@@ -56,6 +58,7 @@ class WorkerLoop {
             entered->set_value();
             open.wait();
         });
+        Waiting waiting("the test's worker loop to be held");
         entered->get_future().wait();
         return [gate] { gate->set_value(); };
     }
