@@ -6,7 +6,6 @@
 
 #include "LibraryFixture.h"
 #include "ProfileKey.h"
-#include "StateFile.h"
 
 namespace kiv {
 namespace {
@@ -182,14 +181,14 @@ TEST_F(ManagerTest, FailedRequestsLeaveCacheEchoesAndModemAsTheyWere) {
         for (const auto& fault : faults) {
             SCOPED_TRACE(std::string(operation.name) + " " + fault.name);
             const auto cache = cacheLines();
-            const auto modem = xalsim::StateFile::serialize(sim().table());
+            const auto modem = modemTable();
             log->clear();
             fault.inject(operation.msgId);
             EXPECT_TRUE(operation.failsAsDocumented());
             settle();
             EXPECT_EQ(cacheLines(), cache);
             EXPECT_EQ(pendingLines(), std::vector<std::string>());
-            EXPECT_EQ(xalsim::StateFile::serialize(sim().table()), modem);
+            EXPECT_EQ(modemTable(), modem);
             EXPECT_TRUE(log->contains(LogLevel::Error, operation.proxyLine));
             if (operation.cacheLine) {
                 EXPECT_TRUE(log->contains(LogLevel::Error, operation.cacheLine));

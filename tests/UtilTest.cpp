@@ -7,7 +7,6 @@
 
 #include "Conversions.h"
 #include "LibraryFixture.h"
-#include "StateFile.h"
 #include "Util.h"
 
 namespace kiv {
@@ -417,13 +416,13 @@ TEST_F(UtilTest, HelpersWhoseRequestFailsReturnWhatTheirRulesSay) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        const auto modem = xalsim::StateFile::serialize(sim().table());
+        const auto modem = modemTable();
         log->clear();
         sim().failNext(row.refused, 1);
         const auto key = row.run();
         EXPECT_EQ(key ? key->getProfileId() : 0, row.expectedId);
         EXPECT_TRUE(log->contains(row.level, row.line));
-        EXPECT_EQ(xalsim::StateFile::serialize(sim().table()), modem);
+        EXPECT_EQ(modemTable(), modem);
         EXPECT_EQ(sim().counters().failedRequests, &row - rows.data() + 1u);
     }
 }

@@ -75,4 +75,13 @@ std::vector<std::string> LibraryFixture::pendingLines() {
     return section("Pending:");
 }
 
+std::string LibraryFixture::modemTable() {
+    std::string bytes;
+    for (const auto& profile : sim().profiles()) {
+        bytes += std::to_string(profile.type) + ":" + std::to_string(profile.index) + "=";
+        bytes.append(reinterpret_cast<const char*>(&profile.settings), sizeof(profile.settings));
+    }
+    return bytes;
+}
+
 }  // namespace kiv::test

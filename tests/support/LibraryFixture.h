@@ -34,6 +34,8 @@ class LibraryFixture : public testing::Test {
     // The cache's entries and the echoes it awaits, as Manager::dump() shows them.
     static std::vector<std::string> cacheLines();
     static std::vector<std::string> pendingLines();
+    // The modem's whole table as bytes, for telling whether anything changed.
+    static std::string modemTable();
 
     size_t connections = 0;
     std::unique_ptr<ScopedLogCapture> log;

@@ -8,7 +8,6 @@
 #include <map>
 
 #include "ApnsConf.h"
-#include "Conversions.h"
 #include "Errors.h"
 #include "ProfileOptions.h"
 #include "Shell.h"
