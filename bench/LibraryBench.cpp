@@ -473,6 +473,48 @@ void B8_ModifyRoundTrip(benchmark::State& state) {
     latencies.report(state, "B8");
 }
 
+// --- B9: reclaim over a full table -------------------------------------------------
+
+// A full 3GPP table (255 profiles), every other one a library temporary that
+// nobody holds; the reclaim deletes them (or, in a dry run, lists them).
+void B9_Reclaim(benchmark::State& state) {
+    const bool dryRun = state.range(0) != 0;
+    startLibrary(0, std::make_unique<DiscardWriter>());
+    Util util;
+    size_t reclaimed = 0;
+    uint64_t requests = 0;
+    Latencies latencies;
+    for (auto _ : state) {
+        state.PauseTiming();
+        sim().clearProfiles();
+        for (int i = 0; i < 255; ++i) {
+            const std::string apn = "apn-" + std::to_string(i) + ".example";
+            const bool temporary = i % 2 == 0;
+            sim().seedProfile(
+                    WDS_PROFILE_TYPE_3GPP_V01,
+                    xalsim::make3gppSettings(temporary ? "kiv_profile" : apn, apn,
+                                             WDS_PDP_TYPE_PDP_IPV4V6_V01, 0x1, !temporary));
+        }
+        Manager::getInstance().refresh(PDC_REFRESH_COMPLETED);
+        const uint64_t before = sim().counters().requests;
+        state.ResumeTiming();
+        const auto start = Clock::now();
+        reclaimed = util.reclaimTemporaryProfiles(dryRun).size();
+        latencies.add(Clock::now() - start);
+        state.PauseTiming();
+        requests = sim().counters().requests - before;
+        sim().waitForCallbacks();
+        Manager::getInstance().match(FilterProfileParams(), nullptr);  // the echoes, handled
+        sim().clearRecordedRequests();
+        LocalLogBuffer::getInstance().flush();
+        state.ResumeTiming();
+    }
+    state.counters["reclaimed"] = static_cast<double>(reclaimed);
+    state.counters["modem_requests"] = static_cast<double>(requests);
+    state.counters["us_per_profile"] = latencies.percentile(0.5) / 255;
+    latencies.report(state, dryRun ? "B9.dry" : "B9");
+}
+
 // Blocks of modifies on request, for the modem service's benchmark to
 // interleave with its own: one line "P50 P99" (microseconds) per block.
 int serveModifyBlocks() {
@@ -530,6 +572,11 @@ void configure() {
                     ->Iterations(brief ? 1 : 20));
     latency(benchmark::RegisterBenchmark("B8_ModifyRoundTrip", B8_ModifyRoundTrip)
                     ->Iterations(brief ? 1 : 5000));
+    latency(benchmark::RegisterBenchmark("B9_Reclaim", B9_Reclaim)
+                    ->ArgName("dryRun")
+                    ->Arg(0)
+                    ->Arg(1)
+                    ->Iterations(brief ? 1 : 50));
 }
 
 void printTargets() {

@@ -24,6 +24,7 @@ enum class ReqRespType : uint32_t {
     Get = 5,
     Callback = 6,
     Refresh = 7,
+    Reclaim = 8,
 };
 std::string toString(ReqRespType type);
 std::ostream& operator<<(std::ostream& os, ReqRespType type);
@@ -162,6 +163,18 @@ class RefreshRequest : public ClientRequest {
 
   private:
     PDCRefreshStatus mStatus;
+};
+
+// Deletes the library's temporary profiles that no live key holds (see
+// Util::reclaimTemporaryProfiles); a dry run only lists them.
+class ReclaimRequest : public ClientRequest {
+  public:
+    explicit ReclaimRequest(bool dryRun) : ClientRequest(ReqRespType::Reclaim), mDryRun(dryRun) {}
+    std::string dump() const override;
+    bool isDryRun() const { return mDryRun; }
+
+  private:
+    bool mDryRun;
 };
 
 }  // namespace kiv

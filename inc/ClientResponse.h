@@ -7,6 +7,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "ClientRequest.h"
 #include "IProfileKey.h"
@@ -94,6 +95,24 @@ class CallbackResponse : public ClientResponse {
 class RefreshResponse : public ClientResponse {
   public:
     explicit RefreshResponse(Status status) : ClientResponse(status, ReqRespType::Refresh) {}
+};
+
+// A library temporary that was (or, in a dry run, would be) deleted.
+struct ReclaimedProfile {
+    TechType techType;
+    int profileId;
+    ProfileParams params;  // as the cache held it
+};
+
+class ReclaimResponse : public ClientResponse {
+  public:
+    ReclaimResponse(Status status, std::vector<ReclaimedProfile> profiles)
+        : ClientResponse(status, ReqRespType::Reclaim), mProfiles(std::move(profiles)) {}
+    std::string dump() const override;
+    const std::vector<ReclaimedProfile>& getReclaimedProfiles() const { return mProfiles; }
+
+  private:
+    std::vector<ReclaimedProfile> mProfiles;
 };
 
 }  // namespace kiv

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ClientRequest.h"
+#include "ClientResponse.h"
 #include "IProfileKey.h"
 #include "ProfileParams.h"
 
@@ -44,8 +45,12 @@ class Manager {
     Manager& operator=(const Manager&) = delete;
 
   private:
+    friend class Util;
+
     Manager();
     ~Manager();
+    // For Util::reclaimTemporaryProfiles: a policy, not a basic operation.
+    std::vector<ReclaimedProfile> reclaim(bool dryRun);
 
     template <typename Response, typename Request>
     std::shared_ptr<Response> call(const char* name, std::shared_ptr<Request> request);

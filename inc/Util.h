@@ -8,7 +8,9 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "ClientResponse.h"
 #include "IProfileKey.h"
 #include "Manager.h"
 #include "ProfileParams.h"
@@ -28,8 +30,8 @@ class Util {
                                       const std::list<ProfileParams>& list3gpp2);
     void updateModemProfileByApnClassAndTechType(const ProfileParams& params, TechType techType);
 
-    // --- APN types: merge the types wanted on each APN name into the modem
-    // profiles with that name, split by IP type.
+    // --- APN types: the types wanted on each APN name, by IP type, written
+    // onto the modem profiles with that name (replacing theirs).
     void updateAPNTypeBitmaskOnModemProfile(const std::list<ProfileParams>& list);
     void handleCombinedProfileUpdate(uint32_t mask, const std::string& apnName);
     void handleProfileUpdateByTechType(TechType techType, uint32_t v4Mask, uint32_t v6Mask,
@@ -48,6 +50,25 @@ class Util {
     // An emergency profile; a created one is persistent, 3GPP, APN type EMERGENCY.
     std::shared_ptr<IProfileKey> findOrCreateProfileForEmergencyDataCall(
             const ProfileParams& params);
+
+    // --- Leftovers.
+    // Deletes from the modem every non-persistent profile of the library
+    // (named "kiv_profile" or "kiv_profile_ia", or created by this process's
+    // library) to which this process holds no live key, and returns them; a
+    // dry run deletes nothing. Such profiles are left by the library's own
+    // rules: a reread (refresh, ProfileReady, SubscriptionChange) voids every
+    // key, a release during a refresh bracket is refused, a delete that fails
+    // on the last release is not retried, and a process that dies leaves its
+    // temporaries behind. Call it after start-up (init and the first
+    // refresh) and after each reread.
+    //
+    // Only the process that owns the library's profiles on the modem may
+    // call it (on a device, the one telephony process per modem): where
+    // several processes use the library on one modem, it deletes the
+    // others' temporaries too. 3GPP2 profiles carry no name on the modem, so
+    // a 3GPP2 temporary is found only while this library still knows it
+    // made it (until a reread).
+    std::vector<ReclaimedProfile> reclaimTemporaryProfiles(bool dryRun = false);
 
   private:
     Manager* mManager;

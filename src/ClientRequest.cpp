@@ -5,8 +5,8 @@
 namespace kiv {
 
 std::string toString(ReqRespType type) {
-    static constexpr const char* kNames[] = {"Add",   "Modify", "Delete",   "Filter",
-                                             "Match", "Get",    "Callback", "Refresh"};
+    static constexpr const char* kNames[] = {"Add", "Modify",   "Delete",  "Filter", "Match",
+                                             "Get", "Callback", "Refresh", "Reclaim"};
     const auto raw = static_cast<uint32_t>(type);
     return raw < std::size(kNames) ? kNames[raw] : std::to_string(raw);
 }
@@ -53,6 +53,10 @@ std::string MatchRequest::dump() const {
 
 std::string GetRequest::dump() const {
     return withKey(ClientRequest::dump(), mKey);
+}
+
+std::string ReclaimRequest::dump() const {
+    return ClientRequest::dump() + (mDryRun ? "dryRun=true" : "dryRun=false");
 }
 
 std::string CallbackRequest::dump() const {

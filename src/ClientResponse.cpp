@@ -38,6 +38,14 @@ std::string FilterResponse::dump() const {
     return text;
 }
 
+std::string ReclaimResponse::dump() const {
+    std::string text = ClientResponse::dump() + " ";
+    for (const auto& profile : mProfiles) {
+        text += toString(profile.techType) + ":" + std::to_string(profile.profileId) + ",";
+    }
+    return text;
+}
+
 std::string MatchResponse::dump() const {
     return ClientResponse::dump() + (mResult ? " true" : " false");
 }

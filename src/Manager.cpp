@@ -133,6 +133,16 @@ void Manager::refresh(PDCRefreshStatus status) {
     KLOGW("%s", isRefreshStarted(status) ? "KIV refresh started" : "KIV refresh completed");
 }
 
+std::vector<ReclaimedProfile> Manager::reclaim(bool dryRun) {
+    KIV_REQUIRE_INIT({});
+    auto response = call<ReclaimResponse>("reclaim", std::make_shared<ReclaimRequest>(dryRun));
+    if (!response) {
+        KLOGE("Unable to cast to ReclaimResponse");
+        return {};
+    }
+    return response->getReclaimedProfiles();
+}
+
 #undef KIV_REQUIRE_INIT
 
 std::vector<std::string> Manager::dump() {

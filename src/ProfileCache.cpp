@@ -1,5 +1,6 @@
 #include "ProfileCache.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <limits>
@@ -46,10 +47,12 @@ void ProfileCache::clear() {
     ++mGeneration;
     mPending.clear();
     mProfiles.clear();
+    mLiveKeys.clear();
 }
 
 std::shared_ptr<IProfileKey> ProfileCache::makeKey(TechType techType, int profileId,
                                                    unsigned long token) {
+    ++mLiveKeys[token];
     return std::make_shared<ProfileKey>(techType, profileId, token, mRequestFunction);
 }
 
@@ -74,6 +77,7 @@ void ProfileCache::expect(TechType techType, int profileId, ProfileChangedEvent 
 bool ProfileCache::refresh() {
     ++mGeneration;
     mProfiles.clear();
+    mLiveKeys.clear();
     for (auto& profile : mProxy.getAllProfiles()) {
         mProfiles.emplace(generateToken(), std::move(profile));
     }
@@ -152,6 +156,7 @@ bool ProfileCache::remove(std::shared_ptr<ProfileKey> key) {
         expect(it->second->getTechType(), it->second->getProfileId(), ProfileChangedEvent::Delete);
     }
     ++mGeneration;
+    mLiveKeys.erase(it->first);
     mProfiles.erase(it);
     return true;
 }
@@ -221,7 +226,12 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
         }
         case ProfileChangedEvent::Delete:
             for (auto it = mProfiles.begin(); it != mProfiles.end();) {
-                it = matches(it->second) ? mProfiles.erase(it) : std::next(it);
+                if (!matches(it->second)) {
+                    ++it;
+                    continue;
+                }
+                mLiveKeys.erase(it->first);
+                it = mProfiles.erase(it);
             }
             break;
         case ProfileChangedEvent::Modify:
@@ -257,6 +267,9 @@ bool ProfileCache::releaseProfile(unsigned long token) {
     KLOGI("ProfileCache: releaseProfile token=%d", static_cast<int>(token));
     auto it = find(token, LogLevel::Error);
     if (it == mProfiles.end()) return false;
+    if (auto live = mLiveKeys.find(token); live != mLiveKeys.end() && --live->second <= 0) {
+        mLiveKeys.erase(live);
+    }
     const auto profile = it->second;
     if (!profile) return false;
 
@@ -279,6 +292,42 @@ bool ProfileCache::releaseProfile(unsigned long token) {
     expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Delete);
     mProfiles.erase(it);
     return true;
+}
+
+std::vector<ReclaimedProfile> ProfileCache::reclaim(bool dryRun) {
+    std::vector<ReclaimedProfile> reclaimed;
+    for (auto it = mProfiles.begin(); it != mProfiles.end();) {
+        const auto profile = it->second;
+        if (!profile || profile->getIsPersistent() || mLiveKeys.count(it->first) != 0) {
+            ++it;
+            continue;
+        }
+        ProfileParams params = profile->get();
+        if (!params.getIsKivProfile() && !profile->getIsKivCreated()) {
+            ++it;
+            continue;
+        }
+        const TechType techType = profile->getTechType();
+        const int profileId = profile->getProfileId();
+        if (!dryRun) {
+            if (!mProxy.remove(techType, profileId)) {
+                KLOGE("ProfileCache: failed to reclaim profile %s", profile->dump().c_str());
+                ++it;
+                continue;
+            }
+            KLOGI("ProfileCache: reclaimed profile %s", profile->dump().c_str());
+            expect(techType, profileId, ProfileChangedEvent::Delete);
+            ++mGeneration;
+            it = mProfiles.erase(it);
+        } else {
+            ++it;
+        }
+        reclaimed.push_back({techType, profileId, std::move(params)});
+    }
+    std::sort(reclaimed.begin(), reclaimed.end(), [](const auto& a, const auto& b) {
+        return std::make_pair(a.techType, a.profileId) < std::make_pair(b.techType, b.profileId);
+    });
+    return reclaimed;
 }
 
 }  // namespace kiv

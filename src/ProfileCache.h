@@ -61,6 +61,13 @@ class ProfileCache {
     // profile that the library created deletes it on the modem.
     bool releaseProfile(unsigned long token);
 
+    // Deletes from the modem every non-persistent profile that is the
+    // library's (by its profile name, or created by this cache) and that no
+    // live key holds: the temporaries that rereads, refused or failed
+    // releases and dead processes leave behind. A dry run deletes nothing.
+    // Returns them, by technology and id.
+    std::vector<ReclaimedProfile> reclaim(bool dryRun);
+
   private:
     using ProfileMap = std::unordered_map<unsigned long, std::shared_ptr<ModemProfile>>;
 
@@ -73,6 +80,10 @@ class ProfileCache {
     RequestFunction mRequestFunction;
     XalWdsProxy mProxy;
     ProfileMap mProfiles;
+    // Keys handed out per token whose release has not come yet. Unlike a
+    // profile's reference count, which keeps its last holder when a profile
+    // is not deleted on release, this says whether any key is alive.
+    std::unordered_map<unsigned long, int> mLiveKeys;
     std::list<ProfileChangedInd> mPending;  // echoes of own operations, oldest first
     uint64_t mGeneration = 0;
 };

@@ -26,6 +26,9 @@ std::shared_ptr<ClientResponse> failureFor(ReqRespType type) {
             return std::make_shared<CallbackResponse>(Status::Failure);
         case ReqRespType::Refresh:
             return std::make_shared<RefreshResponse>(Status::Failure);
+        case ReqRespType::Reclaim:
+            return std::make_shared<ReclaimResponse>(Status::Failure,
+                                                     std::vector<ReclaimedProfile>());
     }
     return std::make_shared<ClientResponse>(Status::Failure, type);
 }
@@ -111,6 +114,12 @@ std::shared_ptr<ClientResponse> RequestExecutor::execute(
                 mCache.refresh();
             }
             return std::make_shared<RefreshResponse>(Status::Success);
+        }
+        case ReqRespType::Reclaim: {
+            auto reclaim = std::dynamic_pointer_cast<ReclaimRequest>(request);
+            if (!reclaim) break;
+            return std::make_shared<ReclaimResponse>(Status::Success,
+                                                     mCache.reclaim(reclaim->isDryRun()));
         }
         default:
             // Answered all the same, so that no caller waits forever.

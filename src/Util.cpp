@@ -406,4 +406,12 @@ std::shared_ptr<IProfileKey> Util::findOrCreateProfileForEmergencyDataCall(
     return result;
 }
 
+std::vector<ReclaimedProfile> Util::reclaimTemporaryProfiles(bool dryRun) {
+    KLOGI("kiv reclaimTemporaryProfiles > dryRun=%s", dryRun ? "true" : "false");
+    auto reclaimed = mManager->reclaim(dryRun);
+    KLOGI("kiv reclaimTemporaryProfiles < %zu %s", reclaimed.size(),
+          dryRun ? "would be deleted" : "deleted");
+    return reclaimed;
+}
+
 }  // namespace kiv

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -24,7 +25,7 @@ struct Result {
 class KivctlFixture : public testing::Test {
   protected:
     void SetUp() override {
-        state = testing::TempDir() + "kivctl-" +
+        state = testing::TempDir() + "kivctl-" + std::to_string(getpid()) + "-" +
                 testing::UnitTest::GetInstance()->current_test_info()->name() + ".state";
         remove(state.c_str());
     }
@@ -231,7 +232,7 @@ TEST_F(KivctlTest, PolicyCommandsFindOrCreate) {
 // Each value a carrier's entry may hold, as the record the library gets, or
 // skipped with a warning that names the entry.
 TEST(ApnsConfTest, EntryValuesMappedOrWarnedAbout) {
-    const std::string path = testing::TempDir() + "entries.xml";
+    const std::string path = testing::TempDir() + "entries-" + std::to_string(getpid()) + ".xml";
     std::ofstream(path) << R"(<apns>
         <apn carrier="a0" apn="a" authtype="0" protocol="IP" roaming_protocol="IPV6" />
         <apn carrier="a1" apn="b" authtype="1" protocol="IPV6" type="default, mms" />

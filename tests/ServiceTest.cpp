@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -15,6 +16,7 @@
 #include "ServiceControl.h"
 #include "StateFile.h"
 #include "Subprocess.h"
+#include "Util.h"
 #include "XalRemote.h"
 #include "diag_host.h"
 
@@ -48,7 +50,8 @@ std::vector<std::string> command(const std::string& program, std::vector<std::st
 class ServiceFixture : public testing::Test {
   protected:
     void SetUp() override {
-        dir = testing::TempDir() + "svc-" +
+        // Per process too: two runs of the suite at once keep apart.
+        dir = testing::TempDir() + "svc-" + std::to_string(getpid()) + "-" +
               testing::UnitTest::GetInstance()->current_test_info()->name();
         fs::remove_all(dir);
         fs::create_directories(dir);
@@ -222,6 +225,45 @@ TEST_F(ServiceTest, ClientKilledInARequestServiceGoesOnServingOthers) {
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(apnsOnTheModem().count("after"), 1u);
     EXPECT_EQ(control({{"op", "status"}}).value("serviceUp", false), true);
+}
+
+// A client killed while it holds temporary profiles leaves them on the
+// shared modem; a second process reclaims them, and nothing else: not the
+// persistent ones, nor a live client's temporaries it reports it includes.
+TEST_F(ServiceTest, KilledClientsTemporariesReclaimedByAnotherProcess) {
+    startDaemon();
+    Subprocess victim(command(KIVCTL_PATH, {"--modem", socket, "shell"}), Subprocess::Options());
+    victim.write("add --temporary --apn left.behind\nadd --apn kept.for.good\n");
+    ASSERT_TRUE(victim.waitForOutput("as #2", 20s)) << "the shell did not add both profiles";
+    victim.kill(SIGKILL);
+    victim.finish();
+    ASSERT_EQ(apnsOnTheModem().count("left.behind"), 1u);
+
+    auto dryRun = onService({"reclaim", "--dry-run", "--json"});
+    ASSERT_EQ(dryRun.status, 0) << dryRun.err;
+    const auto listed = nlohmann::json::parse(dryRun.out);
+    ASSERT_EQ(listed["reclaimed"].size(), 1u) << dryRun.out;
+    EXPECT_EQ(listed["reclaimed"][0]["apn"], "left.behind");
+    EXPECT_NE(dryRun.err.find("every client's temporary profiles"), std::string::npos);
+    EXPECT_EQ(apnsOnTheModem().count("left.behind"), 1u);
+
+    // This process's library holds a temporary of its own: another process's
+    // reclaim takes it, as the warning says; its own reclaim does not.
+    startLibrary();
+    auto mine = add("mine", /*persistent=*/false);
+    ASSERT_TRUE(mine);
+    Util util;
+    const auto reclaimed = util.reclaimTemporaryProfiles();
+    ASSERT_EQ(reclaimed.size(), 1u);
+    EXPECT_EQ(reclaimed[0].params.getApnName(), "left.behind");
+    const auto apns = apnsOnTheModem();
+    EXPECT_EQ(apns.count("left.behind"), 0u);
+    EXPECT_EQ(apns.count("kept.for.good"), 1u);
+    EXPECT_EQ(apns.count("mine"), 1u);
+    EXPECT_EQ(onService({"reclaim"}).out,
+              "1 temporary profile deleted:\n"
+              "ID  TECH  APN   HOME  ROAM  TYPES  AUTH  CLASS  FLAGS\n"
+              "6   3gpp  mine  -     -     -      -     -      library\n");
 }
 
 TEST_F(ServiceTest, DaemonRestartedUnderLiveClientsLibraryRecovers) {

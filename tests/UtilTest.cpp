@@ -3,6 +3,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <random>
 #include <set>
 
 #include "Conversions.h"
@@ -435,6 +436,220 @@ TEST_F(UtilTest, UpdateByTechTypeZeroMasksSendNothing) {
     EXPECT_TRUE(log->contains(LogLevel::Debug,
                               "kiv no match found for apn name:internet, ip type:1, tech type:0"));
     EXPECT_TRUE(util.updateByIpType(TechType::TECH_3GPP, IPType::V4V6, 1, "internet"));
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+class ReclaimTest : public UtilFixture {
+  protected:
+    AddProfileParams temporary(const std::string& apn, TechType tech = TechType::TECH_3GPP) {
+        AddProfileParams params(false, tech, false);
+        params.setApnName(apn);
+        return params;
+    }
+    // The library's temporaries on the modem, by (type, index).
+    static std::set<std::pair<int, int>> libraryTemporaries() {
+        std::set<std::pair<int, int>> found;
+        for (const auto& p : sim().profiles()) {
+            const std::string name = p.settings.profile_name_valid ? p.settings.profile_name : "";
+            if (!p.settings.persistent && (name == "kiv_profile" || name == "kiv_profile_ia")) {
+                found.insert({p.type, p.index});
+            }
+        }
+        return found;
+    }
+    static std::set<std::pair<int, int>> ids(const std::vector<ReclaimedProfile>& profiles) {
+        std::set<std::pair<int, int>> found;
+        for (const auto& p : profiles) {
+            found.insert({p.techType == TechType::TECH_3GPP2 ? WDS_PROFILE_TYPE_3GPP2_V01
+                                                             : WDS_PROFILE_TYPE_3GPP_V01,
+                          p.profileId});
+        }
+        return found;
+    }
+};
+
+// Each way the library's rules leave a temporary on the modem: the reclaim
+// removes exactly that one, while persistent profiles, other names and
+// profiles with live keys stay.
+TEST_F(ReclaimTest, EachCauseLeavesOneLeftoverReclaimTakesOnlyThat) {
+    const int k3gpp = WDS_PROFILE_TYPE_3GPP_V01, k3gpp2 = WDS_PROFILE_TYPE_3GPP2_V01;
+    struct Cause {
+        const char* name;
+        std::function<void()> leave;
+        std::pair<int, int> leftover;
+    };
+    const std::vector<Cause> causes = {
+            {"a reread voids the key",
+             [&] {
+                 auto key = manager().addProfile(temporary("reread"));
+                 manager().refresh(PDC_REFRESH_COMPLETED);
+             },
+             {k3gpp, 3}},
+            {"a release in a refresh bracket is refused",
+             [&] {
+                 auto key = manager().addProfile(temporary("bracket"));
+                 manager().refresh(PDC_REFRESH_STARTED);
+                 key.reset();
+                 manager().refresh(PDC_REFRESH_COMPLETED);
+             },
+             {k3gpp, 3}},
+            {"the delete on the last release fails",
+             [&] {
+                 auto key = manager().addProfile(temporary("undeleted"));
+                 sim().failNext(XAL_WDS_DELETE_PROFILE_REQ_V01, 1);
+             },
+             {k3gpp, 3}},
+            {"a 3GPP2 temporary whose delete failed",
+             [&] {
+                 auto key = manager().addProfile(temporary("cdma", TechType::TECH_3GPP2));
+                 sim().failNext(XAL_WDS_DELETE_PROFILE_REQ_V01, 1);
+             },
+             {k3gpp2, 101}},
+            {"another process died holding it",
+             [&] {
+                 sim().externalCreate(
+                         WDS_PROFILE_TYPE_3GPP_V01,
+                         xalsim::make3gppSettings("kiv_profile", "dead", WDS_PDP_TYPE_PDP_IPV4_V01,
+                                                  0, false));
+                 settle();
+             },
+             {k3gpp, 3}},
+    };
+    for (const auto& cause : causes) {
+        SCOPED_TRACE(cause.name);
+        startAfresh();
+        cause.leave();
+        settle();
+        // What must stay: a persistent library profile, a temporary of
+        // another name, and a library temporary with a live key.
+        auto persistent = manager().addProfile(AddProfileParams(true, TechType::TECH_3GPP, false));
+        ASSERT_TRUE(persistent);
+        persistent.reset();
+        sim().externalCreate(WDS_PROFILE_TYPE_3GPP_V01,
+                             xalsim::make3gppSettings("elsewhere", "other",
+                                                      WDS_PDP_TYPE_PDP_IPV4_V01, 0, false));
+        auto held = manager().addProfile(temporary("held"));
+        ASSERT_TRUE(held);
+        settle();
+
+        const auto before = modemTable();
+        EXPECT_EQ(ids(util.reclaimTemporaryProfiles(/*dryRun=*/true)),
+                  (std::set<std::pair<int, int>>{cause.leftover}));
+        EXPECT_EQ(modemTable(), before);
+        log->clear();
+        EXPECT_EQ(ids(util.reclaimTemporaryProfiles()),
+                  (std::set<std::pair<int, int>>{cause.leftover}));
+        EXPECT_TRUE(log->contains(LogLevel::Info, "kiv reclaimTemporaryProfiles < 1 deleted"));
+        EXPECT_FALSE(sim().getProfile(static_cast<wds_profile_type_enum_v01>(cause.leftover.first),
+                                      static_cast<uint8_t>(cause.leftover.second)));
+        EXPECT_EQ(sim().profiles().size(), 5u);      // 2 seeded, persistent, other, held
+        EXPECT_EQ(libraryTemporaries().size(), 1u);  // the held one
+        EXPECT_TRUE(manager().getProfile(held));
+        // Its own delete's echo is taken for its own, and nothing is left to do.
+        settle();
+        EXPECT_EQ(pendingLines(), std::vector<std::string>());
+        EXPECT_TRUE(util.reclaimTemporaryProfiles().empty());
+        held.reset();
+        EXPECT_TRUE(libraryTemporaries().empty());
+    }
+}
+
+// A delete the modem refuses leaves the leftover for the next reclaim, and
+// a reclaim in a refresh bracket is refused like every other request.
+TEST_F(ReclaimTest, RefusedDeletesAndBracketsLeaveTheLeftoverForLater) {
+    auto key = manager().addProfile(temporary("left"));
+    manager().refresh(PDC_REFRESH_COMPLETED);
+    key.reset();
+    sim().failNext(XAL_WDS_DELETE_PROFILE_REQ_V01, 1);
+    EXPECT_TRUE(util.reclaimTemporaryProfiles().empty());
+    EXPECT_EQ(log->countContaining(LogLevel::Error, "ProfileCache: failed to reclaim profile"), 1u);
+    manager().refresh(PDC_REFRESH_STARTED);
+    EXPECT_TRUE(util.reclaimTemporaryProfiles().empty());
+    manager().refresh(PDC_REFRESH_COMPLETED);
+    EXPECT_EQ(ids(util.reclaimTemporaryProfiles()),
+              (std::set<std::pair<int, int>>{{WDS_PROFILE_TYPE_3GPP_V01, 3}}));
+}
+
+// Any seeded sequence of operations and faults: afterwards, once the keys
+// are gone and the table reread, one reclaim leaves no library temporary
+// and touches nothing else.
+TEST_F(ReclaimTest, AfterAnySequenceOneReclaimLeavesNoTemporary) {
+    for (const unsigned seed : {1u, 2u, 3u, 4u}) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        startAfresh();
+        std::mt19937 random(seed);
+        auto pick = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
+        std::vector<std::shared_ptr<IProfileKey>> keys;
+        bool bracket = false;
+        for (int step = 0; step < 150; ++step) {
+            switch (pick(10)) {
+                case 0:
+                case 1:
+                    if (auto key = manager().addProfile(temporary("t" + std::to_string(step)))) {
+                        keys.push_back(key);
+                    }
+                    break;
+                case 2:
+                    manager().addProfile(AddProfileParams(true, TechType::TECH_3GPP, false));
+                    break;
+                case 3:
+                    if (!keys.empty())
+                        keys.erase(keys.begin() + pick(static_cast<int>(keys.size())));
+                    break;
+                case 4:
+                    bracket = !bracket;
+                    manager().refresh(bracket ? PDC_REFRESH_STARTED : PDC_REFRESH_COMPLETED);
+                    break;
+                case 5:
+                    sim().failNext(pick(2) ? XAL_WDS_DELETE_PROFILE_REQ_V01
+                                           : XAL_WDS_CREATE_PROFILE_REQ_V01,
+                                   1 + pick(2));
+                    break;
+                case 6:
+                    sim().timeoutNext(XAL_WDS_DELETE_PROFILE_REQ_V01, 1);
+                    break;
+                case 7:
+                    sim().externalCreate(
+                            WDS_PROFILE_TYPE_3GPP_V01,
+                            xalsim::make3gppSettings(pick(2) ? "kiv_profile" : "x", "foreign",
+                                                     WDS_PDP_TYPE_PDP_IPV4_V01, 0, pick(2) == 0));
+                    settle();
+                    break;
+                case 8:
+                    sim().sendProfileReady();
+                    settle();
+                    break;
+                default:
+                    if (pick(4) == 0) {
+                        sim().restart();
+                        waitForConnection(++connections);
+                        sim().sendProfileReady();
+                        settle();
+                    }
+                    break;
+            }
+            if (sim().profiles().size() > 20) keys.clear();  // keep room on the modem
+        }
+        // The faults end, the keys go, the table is reread.
+        sim().clearFaults();
+        keys.clear();
+        manager().refresh(PDC_REFRESH_COMPLETED);
+        settle();
+        std::set<std::pair<int, int>> others;
+        for (const auto& p : sim().profiles()) others.insert({p.type, p.index});
+        const auto left = libraryTemporaries();
+        for (const auto& slot : left) others.erase(slot);
+        EXPECT_EQ(ids(util.reclaimTemporaryProfiles()), left);
+        EXPECT_TRUE(libraryTemporaries().empty());
+        std::set<std::pair<int, int>> after;
+        for (const auto& p : sim().profiles()) after.insert({p.type, p.index});
+        EXPECT_EQ(after, others);
+    }
 }
 
 }  // namespace

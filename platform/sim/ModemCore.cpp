@@ -437,15 +437,24 @@ void ModemCore::reset(const Config& config) {
     mTable.clear();
     mRequests.clear();
     mCounters = Counters();
+    clearFaultsLocked();
+    mLastCommitError.clear();
+    mServiceUp = true;
+    touchLocked();
+}
+
+void ModemCore::clearFaults() {
+    kiv::MutexLock guard(mLock);
+    clearFaultsLocked();
+}
+
+void ModemCore::clearFaultsLocked() {
     mFailures.clear();
     mTimeouts.clear();
     mTransportErrors.clear();
     mGetAnyServiceFailures = mClientInitFailures = 0;
     mCorruptLists = mCorruptSettings = 0;
     mInjectedResponses.clear();
-    mLastCommitError.clear();
-    mServiceUp = true;
-    touchLocked();
 }
 
 Config ModemCore::config() const {

@@ -197,6 +197,8 @@ class ModemCore {
     void failClientInit(int count);
     void corruptNextList(int count);      // count above 255, names without NUL
     void corruptNextSettings(int count);  // strings without NUL
+    // Forgets every failure still to come.
+    void clearFaults();
     // The next response to msgId is these bytes, cut or zero-padded to the
     // caller's response length, whatever the request asked.
     void injectNextResponse(unsigned int msgId, std::vector<uint8_t> bytes);
@@ -265,6 +267,7 @@ class ModemCore {
     bool commitLocked(const std::function<void()>& change, bool keepOnFailure = false)
             REQUIRES(mLock);
     bool fitsLocked(const Table& table, std::string* error) const REQUIRES(mLock);
+    void clearFaultsLocked() REQUIRES(mLock);
     int lowestFreeIndexLocked(int32_t type) const REQUIRES(mLock);
     int createProfileLocked(int32_t type, const Settings& settings) REQUIRES(mLock);
     void postLocked(ClientId client, Event event, Clock::time_point due) REQUIRES(mLock);

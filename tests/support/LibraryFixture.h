@@ -22,6 +22,11 @@ class LibraryFixture : public testing::Test {
 
     // Starts (or restarts) the library and waits until it has connected.
     void startLibrary();
+    // SetUp() again, for tests that run several cases from scratch.
+    void startAfresh() {
+        connections = 0;
+        SetUp();
+    }
     // Waits until the library has registered `count` times in all.
     void waitForConnection(size_t count);
     // Returns once every indication the modem sent has been handled.

@@ -139,6 +139,20 @@ const std::vector<Command>& commandTable() {
              true,
              true,
              &Commands::dump},
+            {"reclaim",
+             "reclaim [--dry-run]",
+             "delete the library's temporary profiles that nobody holds",
+             "Deletes every non-persistent profile of the library (named kiv_profile or\n"
+             "kiv_profile_ia) that this kivctl holds no handle on: what processes that died,\n"
+             "rereads, and refused or failed releases leave on the modem. On the modem\n"
+             "service that includes the temporaries of every other client: only the\n"
+             "process that owns the library's profiles on a modem should reclaim them.\n",
+             {{"--dry-run", nullptr, "list them, delete nothing"}},
+             0,
+             0,
+             true,
+             true,
+             &Commands::reclaim},
             {"watch",
              "watch [--count N]",
              "print the profile changes the modem service announces",
@@ -621,6 +635,34 @@ int Commands::watch(const Arguments& args) {
         }
         mOut.flush();
     }
+    return kOk;
+}
+
+int Commands::reclaim(const Arguments& args) {
+    const bool dryRun = args.has("--dry-run");
+    if (!mGlobals.modemSocket.empty()) {
+        mErr << "kivctl: warning: on the modem service this reclaims every client's temporary "
+                "profiles, not only kivctl's\n";
+    }
+    // Handles kept in the shell are live keys: their profiles stay.
+    const auto reclaimed = mSession.util().reclaimTemporaryProfiles(dryRun);
+    std::vector<ProfileView> views;
+    for (const auto& profile : reclaimed) {
+        ProfileView view;
+        view.id = profile.profileId;
+        view.tech = profile.techType;
+        view.params = profile.params;
+        views.push_back(view);
+    }
+    if (mGlobals.json) {
+        ordered_json list = ordered_json::array();
+        for (const auto& view : views) list.push_back(profileJson(view));
+        printJson(mOut, {{"reclaimed", list}, {"dryRun", dryRun}});
+        return kOk;
+    }
+    mOut << plural(views.size(), "temporary profile") << (dryRun ? " would be deleted" : " deleted")
+         << (views.empty() ? "\n" : ":\n");
+    if (!views.empty()) printProfiles(mOut, views);
     return kOk;
 }
 

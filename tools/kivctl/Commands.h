@@ -71,6 +71,7 @@ class Commands {
     int emergency(const Arguments& args);
     int applyApns(const Arguments& args);
     int dump(const Arguments& args);
+    int reclaim(const Arguments& args);
     int watch(const Arguments& args);
     int modem(const Arguments& args);
     int shell(const Arguments& args);
