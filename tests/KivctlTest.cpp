@@ -108,8 +108,7 @@ TEST(KivctlArgumentsTest, ValuesNeverOptionsEachOptionOnce) {
     EXPECT_TRUE(Arguments::parse({"-h"}, spec).has("--help"));
 
     EXPECT_EQ(parseNumber("010", "x", 0, 255), 10);
-    EXPECT_EQ(parseNumber("0x1F", "x", 0, 255), 31);
-    for (const char* bad : {"", " 5", "+5", "-1", "256", "5x", "99999999999"}) {
+    for (const char* bad : {"", " 5", "+5", "-1", "256", "5x", "0x1F", "1e3", "99999999999"}) {
         EXPECT_THROW(parseNumber(bad, "x", 0, 255), UsageError) << bad;
     }
     try {
@@ -303,8 +302,8 @@ TEST_F(KivctlTest, ApplyApnsSelectsTheSimsEntriesAndDryRunChangesNothing) {
     auto r = kivctl({"apply-apns", example, "--mcc", "001", "--mnc", "01", "--dry-run"});
     ASSERT_EQ(r.status, kOk) << r.err;
     EXPECT_TRUE(has(r.out,
-                    "used 5 of 7 entries, skipped 2 (1 MVNO entry not matching the SIM, "
-                    "1 other carrier); 1 warning\n"))
+                    "used 5 of 7 entries, skipped 2 (1 for an MVNO the SIM is not, "
+                    "1 for another carrier); 1 warning\n"))
             << r.out;
     EXPECT_TRUE(has(r.out, "modem profiles that would be updated: 2\n"));
     EXPECT_TRUE(has(r.out, "1    3gpp   internet       default,supl  default,supl,dun\n")) << r.out;
@@ -387,10 +386,20 @@ TEST_F(KivctlTest, BadInputOneLineNamingTheCauseStateUntouched) {
             {{"apply-apns", example}, kBadInput, "needs --mcc and --mnc"},
             {{"watch"}, kBadInput, "watch needs the modem service"},
             {{"modem", "explode"}, kBadInput, "unknown modem action 'explode'"},
-            {{"modem", "fail", "warp"}, kBadInput, "unknown request kind 'warp'"},
+            {{"modem", "fail", "create"}, kBadInput, "lasts for one command only"},
             {{"modem", "send", "raw", "1", "abc"}, kBadInput, "pairs of hex digits"},
             {{"help", "bogus"}, kBadInput, "unknown command 'bogus'"},
             {{"--instance", "256", "list"}, kBadInput, "for --instance (0 to 255)"},
+            {{"add", "--apn", "nel\xc2\x85x"}, kBadInput, "control character ('\\xC2\\x85')"},
+            {{"add", "--max-conns", "0x10"}, kBadInput, "bad number '0x10'"},
+            {{"apply-apns"}, kBadInput, "apply-apns needs more"},
+            {{"apply-apns", "/dev/zero", "--mcc", "1", "--mnc", "1"},
+             kBadInput,
+             "not a regular file"},
+            {{"apply-apns", example, "--mcc", "001", "--mnc", "01", "--imsi", "abc"},
+             kBadInput,
+             "bad value 'abc' for --imsi"},
+            {{"--modem", "/nowhere", "list"}, kBadInput, "--modem-state is for kivctl's own modem"},
             {{"--no-service", "--timeout", "100", "list"},
              kRefused,
              "did not come up within 100 ms (its service is down)"},
@@ -417,6 +426,13 @@ TEST_F(KivctlTest, BadInputOneLineNamingTheCauseStateUntouched) {
     EXPECT_EQ(run({"list"}, in, out, err), kBadInput);
     EXPECT_TRUE(has(err.str(), "set HOME or XDG_STATE_HOME, or give --modem-state FILE"));
 
+    for (const char* empty : {"", "\n  \n", "# nothing\n"}) {
+        std::ofstream(state) << empty;
+        const auto r = kivctl({"list"});
+        EXPECT_EQ(r.status, kBadInput) << r.out;
+        EXPECT_TRUE(has(r.err, "malformed modem state")) << r.err;
+        EXPECT_EQ(readState(), empty);
+    }
     std::ofstream(state) << "{\"profiles\": [{\"type\": \"3gpp\"}]}";
     const std::string malformed = readState();
     const auto r = kivctl({"list"});
@@ -439,7 +455,8 @@ TEST_F(KivctlTest, JsonOutputIsJsonForEveryCommand) {
             {"dump"},
             {"modem", "status"},
             {"modem", "restart"},
-            {"modem", "fail", "create"},
+            {"modem", "send", "profile-ready"},
+            {"modem", "send", "changed", "3gpp", "1", "modify"},
             {"delete", "4"},
             {"help"},
             {"list", "--help"},
@@ -505,6 +522,24 @@ TEST_F(KivctlTest, ShellKeepsOneHandlePerProfileAndNamesLines) {
     EXPECT_EQ(lines(r.err), 2u) << r.err;
     EXPECT_TRUE(has(r.out, "profile 4 (3gpp)\n  apn    kept\n")) << r.out;
     EXPECT_EQ(kivctl({"modem", "reset"}).out, "modem reset: 4 profiles on the modem\n");
+
+    // What the modem refused or did not answer is never reported done.
+    r = kivctl({"shell"},
+               "modem fail modify  # the next modify is refused\n"
+               "modify 1 --types default\n"
+               "add --temporary --apn t\n"
+               "modem timeout list\n"
+               "modem restart\n"
+               "handles\n");
+    EXPECT_EQ(r.status, kRefused);
+    EXPECT_TRUE(has(r.err, "line 2: modify: the modem refused or did not answer 1 request;"))
+            << r.err;
+    EXPECT_TRUE(has(r.err, "line 5: modem: the modem refused or did not answer 1 request;"))
+            << r.err;
+    EXPECT_EQ(lines(r.err), 2u) << r.err;
+    EXPECT_FALSE(has(r.out, "modified")) << r.out;
+    EXPECT_TRUE(has(r.out, "stale\n")) << r.out;
+    EXPECT_TRUE(has(kivctl({"show", "1"}).out, "types    default,supl\n"));
 }
 
 }  // namespace

@@ -342,11 +342,12 @@ TEST_F(ServiceTest, DaemonRefusesWhatItCannotServeAndStopsCleanly) {
             {{"--state", state, "--socket", dir + "/other.sock"}, 1, "is in use by kivmodemd (pid"},
             {{"--state", dir + "/other.state", "--socket", socket}, 1, "another kivmodemd serves"},
             {{"--state", state}, 2, "--state FILE and --socket PATH are needed"},
-            {{"--state", state, "--socket", socket, "--latency", "-1"},
+            {{"--state", state, "--socket", socket, "--latency", "-1"}, 2, "--latency needs MS"},
+            {{"--state", state, "--socket", socket, "--latency=-1"},
              2,
-             "bad value '-1' for --latency"},
-            {{"--state", state, "--socket", socket, "--bogus", "1"}, 2, "unknown option --bogus"},
-            {{"--state", "--socket", socket}, 2, "option --state needs a value"},
+             "bad number '-1' for --latency (0 to 60000)"},
+            {{"--state", state, "--socket", socket, "--bogus", "1"}, 2, "unknown option '--bogus'"},
+            {{"--state", "--socket", socket}, 2, "option --state needs FILE"},
     };
     for (const auto& refused : kRefused) {
         const auto result = Subprocess::run(command(KIVMODEMD_PATH, refused.argv));

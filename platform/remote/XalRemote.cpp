@@ -316,10 +316,17 @@ class Transport {
             guard.waitUntil(mChanged, deadline, [&] { return answer.done; });
         }
         client->awaited.erase(seq);
+        if (sent != XAL_NO_ERR || !answer.done || answer.result != XAL_NO_ERR) ++mFailed;
         if (sent != XAL_NO_ERR) return sent;
         if (!answer.done) return XAL_TIMEOUT_ERR;
         if (answer.result == XAL_NO_ERR) {
             ++mAnswered[msgId];
+            // The response record starts with its result: non-zero, refused.
+            uint32_t result = 0;
+            if (answer.body.size() >= sizeof(result)) {
+                memcpy(&result, answer.body.data(), sizeof(result));
+            }
+            if (result != 0) ++mFailed;
             memset(response, 0, responseLength);
             memcpy(response, answer.body.data(),
                    std::min<size_t>(answer.body.size(), responseLength));
@@ -369,6 +376,11 @@ class Transport {
     void setRehearsal(bool on) {
         kiv::MutexLock guard(mLock);
         mRehearsing = on;
+    }
+
+    size_t failed() {
+        kiv::MutexLock guard(mLock);
+        return mFailed;
     }
 
     size_t answered(unsigned int msgId) {
@@ -724,6 +736,7 @@ class Transport {
     std::vector<std::unique_ptr<xal_client_struct>> mReleased GUARDED_BY(mLock);
     std::deque<Deferred> mDeferred GUARDED_BY(mLock);
     std::map<unsigned int, size_t> mAnswered GUARDED_BY(mLock);
+    size_t mFailed GUARDED_BY(mLock) = 0;
     bool mRehearsing GUARDED_BY(mLock) = false;
     // The handle whose connection or callback the event thread is busy with.
     xal_client_type mBusy GUARDED_BY(mLock);
@@ -765,6 +778,10 @@ bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout) {
 
 void setRehearsal(bool on) {
     Transport::instance().setRehearsal(on);
+}
+
+size_t failedRequests() {
+    return Transport::instance().failed();
 }
 
 size_t answeredRequests(unsigned int msgId) {

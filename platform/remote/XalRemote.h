@@ -45,6 +45,9 @@ bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout);
 // Requests of a kind that this process's clients have had answered by the
 // service (accepted or not).
 size_t answeredRequests(unsigned int msgId);
+// Requests of this process that failed: refused by the modem (a non-zero
+// result), not answered in time, or not delivered.
+size_t failedRequests();
 
 // A rehearsal: while it is on, this process's modify requests do not reach
 // the service. Each is answered here as the modem accepts one (and counted

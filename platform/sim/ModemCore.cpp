@@ -140,6 +140,12 @@ Table factoryTable() {
     return table;
 }
 
+void keepPersistent(Table& table) {
+    for (auto it = table.begin(); it != table.end();) {
+        it = it->second.persistent_valid && it->second.persistent ? std::next(it) : table.erase(it);
+    }
+}
+
 const char* typeName(int32_t profileType) {
     return profileType == WDS_PROFILE_TYPE_3GPP2_V01 ? "3gpp2" : "3gpp";
 }

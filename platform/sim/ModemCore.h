@@ -119,6 +119,8 @@ Settings make3gpp2Settings(const std::string& apn, wds_profile_pdn_type_enum_v01
 // The table a new modem ships with: "internet", "ims" and "mms" (3GPP) and
 // "cdma.internet" (3GPP2), all persistent.
 Table factoryTable();
+// What a modem keeps when it powers on: the profiles it stores persistently.
+void keepPersistent(Table& table);
 // "3gpp" or "3gpp2", the names used in files and on the command line.
 const char* typeName(int32_t profileType);
 

@@ -171,6 +171,8 @@ Result<Table> parseLegacy(const std::string& text) {
             return Error() << "line " << number << ": bad field '" << line << "'";
         }
     }
+    // Comments alone are no table either.
+    if (table.empty()) return Error() << "no modem state in it (only comments)";
     return table;
 }
 
@@ -313,7 +315,10 @@ std::string StateFile::serialize(const Table& table) {
 
 Result<Table> StateFile::parse(const std::string& text) {
     const size_t first = text.find_first_not_of(" \t\r\n");
-    if (first != std::string::npos && text[first] == '{') return parseJson(text);
+    // Even an empty modem is written as a document: nothing at all is a
+    // file cut short.
+    if (first == std::string::npos) return Error() << "no modem state in it (it is empty)";
+    if (text[first] == '{') return parseJson(text);
     return parseLegacy(text);
 }
 

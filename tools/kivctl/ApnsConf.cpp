@@ -5,6 +5,7 @@
 #include <android-base/strings.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -136,9 +137,29 @@ bool mvnoMatches(const std::string& type, const std::string& matchData, const Si
 ApnsConfResult ApnsConf::read(const std::string& path,
                               const std::optional<CarrierSelection>& selection) {
     ApnsConfResult result;
+    // The largest carrier lists are a few MiB; a device or a huge file is
+    // refused before it is read.
+    constexpr off_t kMostBytes = 64 << 20;
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) {
+        result.error = "cannot read " + path + ": " + strerror(errno);
+        return result;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        result.error = "cannot read " + path + ": not a regular file";
+        return result;
+    }
+    if (info.st_size > kMostBytes) {
+        result.error = "cannot read " + path + ": larger than 64 MiB";
+        return result;
+    }
     std::string text;
     if (!android::base::ReadFileToString(path, &text, /*follow_symlinks=*/true)) {
         result.error = "cannot read " + path + ": " + strerror(errno);
+        return result;
+    }
+    if (text.size() > static_cast<size_t>(kMostBytes)) {
+        result.error = "cannot read " + path + ": larger than 64 MiB";
         return result;
     }
     // No network access, no entity expansion; errors are reported below.
@@ -173,7 +194,7 @@ ApnsConfResult ApnsConf::read(const std::string& path,
         }
         if (attribute(node, "mcc").value_or("") != selection->mcc ||
             attribute(node, "mnc").value_or("") != selection->mnc) {
-            ++result.skipped["other carrier"];
+            ++result.skipped["for another carrier"];
             continue;
         }
         const auto type = attribute(node, "mvno_type");
@@ -185,18 +206,18 @@ ApnsConfResult ApnsConf::read(const std::string& path,
         if (mvnoMatches(*type, attribute(node, "mvno_match_data").value_or(""), selection->sim)) {
             mvno.push_back(node);
         } else {
-            ++result.skipped["MVNO entry not matching the SIM"];
+            ++result.skipped["for an MVNO the SIM is not"];
         }
     }
     // A SIM of an MVNO uses its MVNO's entries instead of the host network's.
     if (!mvno.empty() && !host.empty()) {
-        result.skipped["host network entry (the SIM's MVNO has its own)"] +=
+        result.skipped["for the host network (the SIM's MVNO has its own)"] +=
                 static_cast<int>(host.size());
     }
     for (xmlNode* node : mvno.empty() ? host : mvno) {
         auto entry = toEntry(node, result.warnings);
         if (!entry.params.hasApnName()) {
-            ++result.skipped["no APN name"];
+            ++result.skipped["without an APN name"];
             continue;
         }
         result.entries.push_back(std::move(entry));

@@ -3,6 +3,7 @@
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
 
+#include <algorithm>
 #include <cctype>
 
 #include "Errors.h"
@@ -90,9 +91,11 @@ std::optional<std::string> Arguments::value(const std::string& name) const {
 
 int parseNumber(const std::string& text, const std::string& what, int low, int high) {
     int value = 0;
-    // Digits only (or 0x and hex digits): no sign for a bound of 0, no spaces.
-    const bool plain = !text.empty() && (isdigit(static_cast<unsigned char>(text[0])) ||
-                                         (text[0] == '-' && low < 0));
+    // Decimal digits only, a minus sign where the range allows one.
+    const size_t digits = !text.empty() && text[0] == '-' && low < 0 ? 1 : 0;
+    const bool plain = text.size() > digits &&
+                       std::all_of(text.begin() + static_cast<long>(digits), text.end(),
+                                   [](char c) { return isdigit(static_cast<unsigned char>(c)); });
     if (!plain || !android::base::ParseInt(text, &value, low, high)) {
         throw UsageError("bad number " + quote(text) + " for " + what + " (" + std::to_string(low) +
                          " to " + std::to_string(high) + ")");

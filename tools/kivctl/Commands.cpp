@@ -28,6 +28,10 @@ const std::vector<OptionSpec> kTech = {{"--tech", "3gpp|3gpp2", "the profile's t
 const std::vector<OptionSpec> kAllowUpdate = {
         {"--allow-update", nullptr, "existing profiles may be rewritten more freely"}};
 
+std::string plural(size_t count, const std::string& what) {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
 constexpr const char* kProfileWord =
         "PROFILE is a modem profile id (3GPP below 101, 3GPP2 from 101, or say --tech),\n"
         "or a handle #N in the shell.\n";
@@ -187,7 +191,7 @@ const std::vector<Command>& commandTable() {
              "own modem they last for the command (or the shell).\n",
              {},
              1,
-             4,
+             5,
              false,
              true,
              &Commands::modem},
@@ -278,8 +282,10 @@ Arguments parseCommand(const Command& command, const std::vector<std::string>& w
     if (args.has("--help")) return args;
     const size_t given = args.positionals().size();
     if (given < command.minArguments) {
+        const std::string synopsis = command.synopsis;
         throw UsageError(std::string(command.name) + " needs more (usage: kivctl " +
-                         command.synopsis + ")");
+                         synopsis.substr(0, synopsis.find('\n')) +
+                         (synopsis.find('\n') == std::string::npos ? "" : " ...") + ")");
     }
     if (given > command.maxArguments) {
         throw UsageError("unexpected argument " + quote(args.positionals()[command.maxArguments]));
@@ -304,16 +310,40 @@ int Commands::execute(const Command& command, const Arguments& args) {
         return kOk;
     }
     if (mInShell && !command.inShell) throw UsageError("already in the shell");
+    mCommand = command.name;
+    // Counted from before the library's start: a table that could not be
+    // read makes the command fail too.
+    mFailedAtStart = xalremote::failedRequests();
     if (command.needsLibrary) mSession.startLibrary();
     int status;
     try {
         status = (this->*command.run)(args);
+        // The shell's lines have each answered for themselves.
+        if (command.run != &Commands::shell) requireAnswered();
     } catch (const Refused&) {
         mSession.checkSaved();
         throw;
     }
     mSession.checkSaved();
     return status;
+}
+
+void Commands::requireAnswered() {
+    const size_t failed = xalremote::failedRequests() - mFailedAtStart;
+    if (failed == 0) return;
+    mFailedAtStart += failed;  // said once
+    std::string why = "the modem refused or did not answer " + plural(failed, "request");
+    const auto status = mSession.status();
+    std::map<std::string, int> held;
+    for (const auto& profile : mSession.modemProfiles()) ++held[profile.value("type", "")];
+    for (const char* tech : {"3gpp", "3gpp2"}) {
+        const int room = status.value(std::string("capacity") + tech, 0);
+        if (room > 0 && held[tech] >= room) {
+            why += " (its " + std::string(tech) + " table is full: " + std::to_string(room) +
+                   " profiles)";
+        }
+    }
+    throw Refused(mCommand + ": " + why + "; not everything was done (kivctl --log tells more)");
 }
 
 std::shared_ptr<kiv::IProfileKey> Commands::resolve(const std::string& word,
@@ -338,8 +368,8 @@ std::shared_ptr<kiv::IProfileKey> Commands::resolve(const std::string& word,
 }
 
 int Commands::report(const std::string& action, const std::shared_ptr<kiv::IProfileKey>& key) {
-    if (!key)
-        throw Refused(action + ": the library or the modem refused (kivctl --log tells more)");
+    requireAnswered();
+    if (!key) throw Refused(mCommand + ": the library refused (kivctl --log tells more)");
     const int number = mInShell ? mSession.keep(key) : 0;
     const ProfileView v = mSession.view(key, mSession.modemProfiles(), number);
     if (mGlobals.json) {
@@ -353,6 +383,7 @@ int Commands::report(const std::string& action, const std::shared_ptr<kiv::IProf
 }
 
 int Commands::printViews(std::vector<ProfileView> views) {
+    requireAnswered();
     std::sort(views.begin(), views.end(), [](const ProfileView& a, const ProfileView& b) {
         return std::make_pair(a.tech, a.id) < std::make_pair(b.tech, b.id);
     });
@@ -386,6 +417,7 @@ int Commands::show(const Arguments& args) {
     }
     held.erase("type");
     held.erase("index");
+    held = withoutSecrets(held);
     if (mGlobals.json) {
         printJson(mOut, {{"profile", profileJson(v)}, {"modem", held}});
     } else {
@@ -493,10 +525,6 @@ std::vector<TypesBefore> typesOfEveryProfile(kiv::Manager& manager) {
     return all;
 }
 
-std::string plural(size_t count, const std::string& what) {
-    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 }  // namespace
 
 int Commands::applyApns(const Arguments& args) {
@@ -505,10 +533,25 @@ int Commands::applyApns(const Arguments& args) {
     if (!mcc || !mnc) throw UsageError("apply-apns needs --mcc and --mnc");
     const std::string& path = args.positionals()[0];
     CarrierSelection selection{*mcc, *mnc, {}};
-    selection.sim.imsi = args.value("--imsi");
-    selection.sim.gid1 = args.value("--gid1");
-    selection.sim.spn = args.value("--spn");
-    selection.sim.iccid = args.value("--iccid");
+    // What a SIM can report: digits for the IMSI (at most 15) and ICCID (at
+    // most 22), hex digits for GID1.
+    auto sim = [&](const char* option, const char* digits, size_t most) {
+        auto value = args.value(option);
+        if (value &&
+            (value->size() > most || value->find_first_not_of(digits) != std::string::npos)) {
+            throw UsageError("bad value " + quote(*value) + " for " + option + " (at most " +
+                             std::to_string(most) +
+                             (std::string(digits).size() > 10 ? " hex digits)" : " digits)"));
+        }
+        return value;
+    };
+    selection.sim.imsi = sim("--imsi", "0123456789", 15);
+    selection.sim.gid1 = sim("--gid1", "0123456789abcdefABCDEF", 32);
+    selection.sim.iccid = sim("--iccid", "0123456789", 22);
+    if (auto spn = args.value("--spn")) {
+        selection.sim.spn = spn;
+        readTextOption(*spn, "--spn", 16 * 4);  // 16 characters of UTF-8 at most
+    }
     const bool dryRun = args.has("--dry-run");
     mSession.util().setProfileUpdateAllowed(args.has("--allow-update"));
 
@@ -553,6 +596,7 @@ int Commands::applyApns(const Arguments& args) {
         manager().refresh(kiv::PDC_REFRESH_COMPLETED);
     }
 
+    requireAnswered();
     int skipped = 0;
     for (const auto& [reason, count] : read.skipped) skipped += count;
     if (mGlobals.json) {
@@ -608,7 +652,7 @@ int Commands::dump(const Arguments&) {
     if (mGlobals.json) {
         printJson(mOut, {{"dump", lines}});
     } else {
-        for (const auto& line : lines) mOut << line << "\n";
+        for (const auto& line : lines) mOut << printable(line) << "\n";
     }
     return kOk;
 }
@@ -758,6 +802,15 @@ int Commands::modem(const Arguments& args) {
     };
     nlohmann::json command;
     std::string done;
+    // kivctl's own modem lives for one command: a fault or a service state
+    // set by a command of its own would be gone before anything met it.
+    const bool transient =
+            action == "fail" || action == "timeout" || action == "down" || action == "up";
+    if (transient && mGlobals.modemSocket.empty() && !mInShell) {
+        throw UsageError("modem " + action +
+                         " on kivctl's own modem lasts for one command only: use it in kivctl "
+                         "shell, or on kivmodemd (--modem PATH)");
+    }
     if (action == "status") {
         noMore(0);
         auto status = mSession.status();

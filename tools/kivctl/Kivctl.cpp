@@ -76,12 +76,19 @@ CommandLine split(const std::vector<std::string>& words) {
     } else if (const char* named = getenv("KIVR_MODEM"); named != nullptr && named[0] != '\0') {
         g.modemSocket = named;
     }
-    if (auto state = args.value("--modem-state")) g.statePath = *state;
+    if (auto state = args.value("--modem-state")) {
+        if (args.has("--modem")) {
+            throw UsageError(
+                    "--modem-state is for kivctl's own modem; the service named by "
+                    "--modem keeps its own state");
+        }
+        g.statePath = *state;
+    }
     if (auto instance = args.value("--instance")) {
         g.instance = parseNumber(*instance, "--instance", 0, 255);
     }
     if (auto timeout = args.value("--timeout")) {
-        g.timeoutMs = parseNumber(*timeout, "--timeout (milliseconds)", 1, 3600000);
+        g.timeoutMs = parseNumber(*timeout, "--timeout", 1, 3600000);
     }
     g.json = args.has("--json");
     g.log = args.has("--log");
@@ -105,7 +112,8 @@ int run(const std::vector<std::string>& words, std::istream& in, std::ostream& o
             return kOk;
         }
         if (line.help) {
-            printHelp(out, globals.json, usage());
+            const Command* about = line.command.empty() ? nullptr : findCommand(line.command);
+            printHelp(out, globals.json, about ? commandHelp(*about) : usage());
             return kOk;
         }
         if (line.command.empty()) throw UsageError("no command (kivctl --help lists them)");

@@ -6,6 +6,7 @@
 
 #include "Errors.h"
 #include "ProfileOptions.h"
+#include "Utf8.h"
 
 namespace kivctl {
 
@@ -35,6 +36,7 @@ size_t columns(const std::string& cell) {
 std::vector<std::string> flagsOf(const ProfileView& view) {
     std::vector<std::string> flags;
     const kiv::ProfileParams& p = view.params;
+    if (view.stale) flags.emplace_back("stale");
     if (p.getIsKivProfile()) flags.emplace_back("library");
     if (p.getIsIAProfile()) flags.emplace_back("attach");
     if (view.persistent) flags.emplace_back("persistent");
@@ -42,6 +44,29 @@ std::vector<std::string> flagsOf(const ProfileView& view) {
     if (p.hasIsApnDisabled() && p.getIsApnDisabled()) flags.emplace_back("disabled");
     if (p.hasIsClatEnabled() && p.getIsClatEnabled()) flags.emplace_back("clat");
     return flags;
+}
+
+ordered_json textJson(const std::string& text) {
+    if (kiv::isUtf8(text)) return text;
+    static const char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char c : text) {
+        hex += kDigits[c >> 4];
+        hex += kDigits[c & 0xF];
+    }
+    return {{"hex", hex}};
+}
+
+nlohmann::json withoutSecrets(nlohmann::json settings) {
+    for (auto& [name, value] : settings.items()) {
+        if (name.find("password") != std::string::npos) value = "(hidden)";
+    }
+    return settings;
+}
+
+std::string settingText(const nlohmann::json& value) {
+    if (value.is_string()) return "\"" + printable(value.get<std::string>()) + "\"";
+    return printable(value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 ordered_json profileJson(const ProfileView& view) {
@@ -53,13 +78,13 @@ ordered_json profileJson(const ProfileView& view) {
     out["id"] = view.id;
     out["tech"] = techName(view.tech);
     if (view.handle) out["handle"] = "#" + std::to_string(view.handle);
-    out["apn"] = optional(p.hasApnName(), p.getApnName());
+    out["apn"] = p.hasApnName() ? textJson(p.getApnName()) : ordered_json();
     out["homeIp"] = optional(p.hasHomeIPType(), ipName(p.getHomeIPType()));
     out["roamIp"] = optional(p.hasRoamIPType(), ipName(p.getRoamIPType()));
     out["types"] = optional(p.hasApnTypesMask(), typeNames(p.getApnTypesMask()));
     out["auth"] = optional(p.hasAuthType(), authName(p.getAuthType()));
     out["class"] = optional(p.hasApnClass(), className(p.getApnClass()));
-    out["user"] = optional(p.hasUserName(), p.getUserName());
+    out["user"] = p.hasUserName() ? textJson(p.getUserName()) : ordered_json();
     out["maxConns"] = optional(p.hasMaxPdnsConnPerBlock(), p.getMaxPdnsConnPerBlock());
     out["maxConnsTime"] = optional(p.hasMaxPdnConnTimer(), p.getMaxPdnConnTimer());
     out["waitTime"] = optional(p.hasPdnReqWaitInterval(), p.getPdnReqWaitInterval());
@@ -136,7 +161,7 @@ void printProfile(std::ostream& out, const ProfileView& view, const nlohmann::js
     line("types", p.hasApnTypesMask(), joined(typeNames(p.getApnTypesMask())));
     line("auth", p.hasAuthType(), authName(p.getAuthType()));
     line("user", p.hasUserName(), printable(p.getUserName()));
-    line("password", p.hasPassword(), printable(p.getPassword()));
+    line("password", p.hasPassword(), "(hidden)");
     line("class", p.hasApnClass(), className(p.getApnClass()));
     line("max conns", p.hasMaxPdnsConnPerBlock(), std::to_string(p.getMaxPdnsConnPerBlock()));
     line("max conns time", p.hasMaxPdnConnTimer(), std::to_string(p.getMaxPdnConnTimer()));
@@ -145,11 +170,10 @@ void printProfile(std::ostream& out, const ProfileView& view, const nlohmann::js
     printTable(out, rows);
     out << "on the modem:\n";
     rows.clear();
-    for (const auto& [name, value] : modemSettings.items()) {
+    const nlohmann::json shown = withoutSecrets(modemSettings);
+    for (const auto& [name, value] : shown.items()) {
         if (name == "type" || name == "index") continue;
-        rows.push_back(
-                {"  " + name,
-                 printable(value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace))});
+        rows.push_back({"  " + name, settingText(value)});
     }
     if (rows.empty()) rows.push_back({"  (nothing: the profile is not on the modem)"});
     printTable(out, rows);

@@ -16,13 +16,22 @@ struct ProfileView {
     kiv::TechType tech = kiv::TechType::TECH_3GPP;
     kiv::ProfileParams params;
     bool persistent = false;
-    int handle = 0;  // the shell's #N; 0: none
+    int handle = 0;      // the shell's #N; 0: none
+    bool stale = false;  // the handle's key no longer names a profile
 };
 
-// "library", "attach", "persistent", "emergency", "disabled", "clat".
+// "library", "attach", "persistent", "emergency", "disabled", "clat", and
+// "stale" for a handle whose key no longer names a profile.
 std::vector<std::string> flagsOf(const ProfileView& view);
 
 nlohmann::ordered_json profileJson(const ProfileView& view);
+// Text for JSON: as it is when UTF-8, else {"hex": "..."}, as the modem
+// service writes it.
+nlohmann::ordered_json textJson(const std::string& text);
+// A profile's settings as the modem holds them, passwords hidden.
+nlohmann::json withoutSecrets(nlohmann::json settings);
+// One of those settings for a terminal: text quoted and escaped as printable().
+std::string settingText(const nlohmann::json& value);
 // One JSON document on one line; text that is not UTF-8 is replaced, never
 // written as invalid JSON.
 void printJson(std::ostream& out, const nlohmann::ordered_json& document);

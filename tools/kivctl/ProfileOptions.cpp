@@ -61,27 +61,31 @@ std::string nameOf(T value, const Choice<T> (&choices)[N]) {
     return std::to_string(static_cast<long long>(value));
 }
 
-// Text for a field of the modem's profile record of `limit` bytes.
-std::string checkedText(const std::string& text, const std::string& option, size_t limit) {
-    for (unsigned char c : text) {
-        if (c < 0x20 || c == 0x7F) {
+// The options a 3GPP2 profile does not have.
+constexpr const char* k3gppOnly[] = {"--roam-ip",   "--disabled",       "--emergency",
+                                     "--max-conns", "--max-conns-time", "--wait-time"};
+
+}  // namespace
+
+std::string readTextOption(const std::string& text, const std::string& option, size_t limit) {
+    if (!kiv::isUtf8(text)) throw UsageError("option " + option + " is not UTF-8 text");
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        // C0, DEL, and C1 (U+0080 to U+009F, in UTF-8 0xC2 0x80 to 0xC2 0x9F).
+        const size_t width = c == 0xC2 && static_cast<unsigned char>(text[i + 1]) < 0xA0 ? 2
+                             : c < 0x20 || c == 0x7F                                     ? 1
+                                                                                         : 0;
+        if (width != 0) {
             throw UsageError("option " + option + " holds a control character (" +
-                             quote(std::string(1, static_cast<char>(c))) + ")");
+                             quote(text.substr(i, width)) + ")");
         }
     }
-    if (!kiv::isUtf8(text)) throw UsageError("option " + option + " is not UTF-8 text");
     if (text.size() > limit) {
         throw UsageError("option " + option + " holds " + std::to_string(text.size()) +
                          " bytes; the modem holds at most " + std::to_string(limit));
     }
     return text;
 }
-
-// The options a 3GPP2 profile does not have.
-constexpr const char* k3gppOnly[] = {"--roam-ip",   "--disabled",       "--emergency",
-                                     "--max-conns", "--max-conns-time", "--wait-time"};
-
-}  // namespace
 
 const std::vector<OptionSpec>& profileOptions() {
     static const std::vector<OptionSpec> kOptions = {
@@ -139,12 +143,13 @@ void readProfileOptions(const Arguments& args, kiv::ProfileParams& p, TechType t
             }
         }
     }
-    if (auto v = args.value("--apn")) p.setApnName(checkedText(*v, "--apn", WDS_APN_NAME_MAX_V01));
+    if (auto v = args.value("--apn"))
+        p.setApnName(readTextOption(*v, "--apn", WDS_APN_NAME_MAX_V01));
     if (auto v = args.value("--user")) {
-        p.setUserName(checkedText(*v, "--user", WDS_USER_NAME_MAX_V01));
+        p.setUserName(readTextOption(*v, "--user", WDS_USER_NAME_MAX_V01));
     }
     if (auto v = args.value("--password")) {
-        p.setPassword(checkedText(*v, "--password", WDS_PASSWORD_MAX_V01));
+        p.setPassword(readTextOption(*v, "--password", WDS_PASSWORD_MAX_V01));
     }
     if (auto v = args.value("--auth")) p.setAuthType(choose(*v, "--auth", kAuthTypes));
     if (auto v = args.value("--ip")) p.setHomeIPType(choose(*v, "--ip", kIPTypes));

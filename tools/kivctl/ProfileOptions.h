@@ -23,6 +23,9 @@ std::vector<OptionSpec> optionsOf(std::initializer_list<std::vector<OptionSpec>>
 // long, control characters, not UTF-8) and options the technology does not
 // have are bad input.
 void readProfileOptions(const Arguments& args, kiv::ProfileParams& params, kiv::TechType tech);
+// Text for an option: refused (bad input) when it is not UTF-8, holds a
+// control character or is longer than `limit` bytes.
+std::string readTextOption(const std::string& text, const std::string& option, size_t limit);
 // The filter options given; a filter may ask for anything.
 void readFilterOptions(const Arguments& args, kiv::FilterProfileParams& filter);
 // --tech, when given.

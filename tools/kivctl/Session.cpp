@@ -40,6 +40,12 @@ void makeParentDirectories(const std::string& path) {
 
 void discardDiag(const msg_desc_type*, const char*, void*) {}
 
+// --log: the library's lines on standard error, text from the modem in them
+// escaped as everywhere else.
+void printDiag(const msg_desc_type*, const char* line, void*) {
+    std::cerr << "kivctl: library: " << printable(line) << "\n";
+}
+
 }  // namespace
 
 // The modem of one run when no service is named: a modem service in this
@@ -55,7 +61,7 @@ class EmbeddedModem {
         if (!state.ok()) throw Refused(state.error().message());
         mState.emplace(std::move(*state));
         auto log = [verbose = globals.log](const std::string& line) {
-            if (verbose) std::cerr << "kivctl: modem: " << line << "\n";
+            if (verbose) std::cerr << "kivctl: modem: " << printable(line) << "\n";
         };
         mServer = std::make_unique<kivmodemd::ModemServer>(kivmodemd::ModemServer::Options(), log);
         xalsim::ModemCore& modem = mServer->modem();
@@ -75,6 +81,10 @@ class EmbeddedModem {
         if (!modem.replaceTable(table, &why)) {
             throw UsageError("malformed modem state: " + mState->path() + ": " + why);
         }
+        // Each run is the modem powering on: temporaries of a run that ended
+        // without cleaning up (it was killed) are gone.
+        xalsim::keepPersistent(table);
+        modem.replaceTable(table);
         if (firstUse) {
             if (auto saved = mState->save(table); !saved.ok())
                 throw Refused(saved.error().message());
@@ -135,8 +145,10 @@ Session::~Session() {
 
 void Session::startLibrary() {
     if (mLibrary) return;
-    diag_host_set_sink(mGlobals.log ? nullptr : discardDiag, nullptr);
-    mManager.init(mGlobals.instance, mGlobals.log);
+    // The diagnostics channel, whose lines pass through here, rather than
+    // the Android log, which writes to the terminal itself.
+    diag_host_set_sink(mGlobals.log ? printDiag : discardDiag, nullptr);
+    mManager.init(mGlobals.instance, /*adbLog=*/false);
     waitForLibrary();
     mManager.refresh(kiv::PDC_REFRESH_COMPLETED);
     mLibrary = true;
@@ -186,7 +198,11 @@ ProfileView Session::view(const std::shared_ptr<kiv::IProfileKey>& key, const nl
     v.id = key->getProfileId();
     v.tech = key->getTechType();
     v.handle = handle;
-    if (auto params = mManager.getProfile(key)) v.params = *params;
+    if (auto params = mManager.getProfile(key)) {
+        v.params = *params;
+    } else {
+        v.stale = true;
+    }
     const std::string tech = techName(v.tech);
     for (const auto& profile : table) {
         if (profile.value("type", "") == tech && profile.value("index", 0) == v.id) {

@@ -1,6 +1,7 @@
 #include "Shell.h"
 
 #include <algorithm>
+#include <cctype>
 
 #include "Commands.h"
 #include "Errors.h"
@@ -20,6 +21,9 @@ std::vector<std::string> Shell::split(const std::string& line) {
         } else if (c == '"') {
             quotedText = !quotedText;
             inWord = true;
+        } else if (!quotedText && !inWord && c == '#' &&
+                   (i + 1 == line.size() || !isdigit(static_cast<unsigned char>(line[i + 1])))) {
+            break;  // a comment; #N is a handle
         } else if (!quotedText && (c == ' ' || c == '\t')) {
             if (inWord) words.push_back(word);
             word.clear();
@@ -43,7 +47,7 @@ int Shell::run() {
         int status = kOk;
         try {
             const auto words = split(line);
-            if (words.empty() || words[0][0] == '#') continue;
+            if (words.empty()) continue;
             if (words[0] == "exit" || words[0] == "quit") break;
             status = runLine(words);
         } catch (const UsageError& e) {

@@ -20,7 +20,8 @@ class Shell {
     int run();
 
     // A line's words: double quotes group, a backslash takes the next
-    // character as it is.
+    // character as it is, and a # that begins a word starts a comment
+    // (unless a digit follows: #N is a handle).
     static std::vector<std::string> split(const std::string& line);
 
   private:

@@ -1,6 +1,7 @@
 #include "Watcher.h"
 
 #include "Errors.h"
+#include "Output.h"
 #include "SettingsJson.h"
 #include "XalRemote.h"
 
@@ -93,7 +94,7 @@ nlohmann::ordered_json ChangeWatcher::describe(const Indication& indication) {
             auto fields = xalsim::profileToJson({record.profile_type, record.profile_index}, *held);
             fields.erase("type");
             fields.erase("index");
-            change["settings"] = fields;
+            change["settings"] = withoutSecrets(fields);
         }
     }
     return change;
@@ -109,9 +110,7 @@ std::string changeLine(const nlohmann::ordered_json& change) {
     if (change.contains("settings")) {
         line += ":";
         for (const auto& [name, value] : change["settings"].items()) {
-            const std::string text =
-                    value.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
-            line += " " + name + "=" + text;
+            line += " " + name + "=" + settingText(value);
         }
     }
     return line;

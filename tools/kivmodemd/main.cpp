@@ -1,7 +1,5 @@
 // kivmodemd: the simulated modem as a service for many processes.
 
-#include <android-base/parseint.h>
-#include <android-base/strings.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -11,6 +9,8 @@
 #include <iostream>
 #include <string>
 
+#include "Arguments.h"
+#include "Errors.h"
 #include "ModemServer.h"
 #include "StateFile.h"
 
@@ -34,6 +34,7 @@ Options:
   --latency MS              time the modem takes per request (default 0)
   --indication-delay MS     delay of every indication (default 0)
   --help                    this text
+  --version                 the version
 
 Prints a line with "ready" on standard output once it accepts connections,
 logs to standard error, and stops on SIGTERM or SIGINT.
@@ -60,45 +61,41 @@ int fail(int status, const std::string& why) {
 int main(int argc, char** argv) {
     std::string statePath, socketPath;
     kivmodemd::ModemServer::Options options;
-    for (int i = 1; i < argc; ++i) {
-        std::string option = argv[i], value;
-        if (option == "--help" || option == "-h") {
+    try {
+        const std::vector<kivctl::OptionSpec> known = {
+                {"--state", "FILE", ""},      {"--socket", "PATH", ""},
+                {"--capacity-3gpp", "N", ""}, {"--capacity-3gpp2", "N", ""},
+                {"--latency", "MS", ""},      {"--indication-delay", "MS", ""},
+                {"--help", nullptr, ""},      {"--version", nullptr, ""}};
+        const auto args =
+                kivctl::Arguments::parse(std::vector<std::string>(argv + 1, argv + argc), known);
+        if (args.has("--help")) {
             fputs(kUsage, stdout);
             return 0;
         }
-        const size_t equals = option.find('=');
-        if (equals != std::string::npos) {
-            value = option.substr(equals + 1);
-            option.resize(equals);
-        } else if (i + 1 < argc && !android::base::StartsWith(argv[i + 1], "--")) {
-            value = argv[++i];
-        } else {
-            return fail(kBadInput, "option " + option + " needs a value (kivmodemd --help)");
+        if (args.has("--version")) {
+            printf("kivmodemd %s\n", KIVMODEMD_VERSION);
+            return 0;
         }
-        auto number = [&](int low, int high, int* out) {
-            return android::base::ParseInt(value, out, low, high);
+        if (!args.positionals().empty()) {
+            return fail(kBadInput, "unexpected argument " + kivctl::quote(args.positionals()[0]) +
+                                           " (kivmodemd --help)");
+        }
+        statePath = args.value("--state").value_or("");
+        socketPath = args.value("--socket").value_or("");
+        auto number = [&](const char* option, int low, int high, auto set) {
+            if (auto text = args.value(option)) set(kivctl::parseNumber(*text, option, low, high));
         };
-        int n = 0;
-        if (option == "--state") {
-            statePath = value;
-        } else if (option == "--socket") {
-            socketPath = value;
-        } else if (option == "--capacity-3gpp" && number(0, xalsim::kMaxCapacity3gpp, &n)) {
-            options.config.capacity3gpp = n;
-        } else if (option == "--capacity-3gpp2" && number(0, xalsim::kMaxCapacity3gpp2, &n)) {
-            options.config.capacity3gpp2 = n;
-        } else if (option == "--latency" && number(0, 60000, &n)) {
-            options.latency = std::chrono::milliseconds(n);
-        } else if (option == "--indication-delay" && number(0, 60000, &n)) {
-            options.config.indicationDelay = std::chrono::milliseconds(n);
-        } else if (option == "--state" || option == "--socket" || option == "--capacity-3gpp" ||
-                   option == "--capacity-3gpp2" || option == "--latency" ||
-                   option == "--indication-delay") {
-            return fail(kBadInput, "bad value '" + value + "' for " + option +
-                                           " (kivmodemd --help gives the ranges)");
-        } else {
-            return fail(kBadInput, "unknown option " + option + " (kivmodemd --help)");
-        }
+        number("--capacity-3gpp", 0, xalsim::kMaxCapacity3gpp,
+               [&](int n) { options.config.capacity3gpp = n; });
+        number("--capacity-3gpp2", 0, xalsim::kMaxCapacity3gpp2,
+               [&](int n) { options.config.capacity3gpp2 = n; });
+        number("--latency", 0, 60000,
+               [&](int n) { options.latency = std::chrono::milliseconds(n); });
+        number("--indication-delay", 0, 60000,
+               [&](int n) { options.config.indicationDelay = std::chrono::milliseconds(n); });
+    } catch (const kivctl::UsageError& e) {
+        return fail(kBadInput, std::string(e.what()) + " (kivmodemd --help)");
     }
     if (statePath.empty() || socketPath.empty()) {
         return fail(kBadInput, "--state FILE and --socket PATH are needed (kivmodemd --help)");
@@ -129,12 +126,11 @@ int main(int argc, char** argv) {
     } else {
         table = xalsim::factoryTable();
     }
-    // A modem that powers on keeps only what it stores persistently.
-    for (auto it = table.begin(); it != table.end();) {
-        it = it->second.persistent_valid && it->second.persistent ? std::next(it) : table.erase(it);
-    }
     std::string why;
     if (!modem.replaceTable(table, &why)) return fail(kBadInput, state->path() + ": " + why);
+    // A modem that powers on keeps only what it stores persistently.
+    xalsim::keepPersistent(table);
+    modem.replaceTable(table);
     if (auto listening = server.listen(socketPath); !listening.ok()) {
         return fail(kFailed, listening.error().message());
     }
