@@ -15,8 +15,8 @@
 namespace kiv {
 namespace {
 
-// A descriptor the manager itself closes (on a hang-up, or when it is not
-// approved): the test must not close it again.
+// A descriptor the manager itself closes (when it is not approved): the
+// test must not close it again.
 int makeEventFdForTheManager() {
     EventFd fd;
     return dup(fd.get());
@@ -70,7 +70,7 @@ TEST(EventManagerTest, RegistrationDuplicatesRefusedAndRemovalRunsCloseCallback)
     EXPECT_FALSE(EventManager::isApprovedFd(stranger.get()));
 }
 
-TEST(EventManagerTest, DispatchHangUpWinsAndAtMostFourEventsPerPass) {
+TEST(EventManagerTest, DispatchHangUpAndUnapprovedClosedAtMostFourEventsPerPass) {
     test::ScopedLogCapture log;
     EventManager events;
     Counter counter;
@@ -99,16 +99,12 @@ TEST(EventManagerTest, DispatchHangUpWinsAndAtMostFourEventsPerPass) {
     events.processEvents();
     EXPECT_EQ(counter.calls.size(), 6u);
     for (const auto& fd : fds) events.removeEventHandler(fd.get());
-}
 
-TEST(EventManagerTest, DispatchUnapprovedDescriptorIsRemovedAndClosed) {
-    test::ScopedLogCapture log;
-    EventManager events;
-    Counter counter;
+    // Approval withdrawn behind the manager's back, as when a descriptor
+    // number is closed and reused elsewhere: removed and closed, not read.
+    counter.calls.clear();
     const int fd = makeEventFdForTheManager();
     events.addEventHandler(fd, Counter::onReadable, &counter, nullptr, EPOLLIN);
-    // Approval withdrawn behind the manager's back, as when a descriptor
-    // number is closed and reused elsewhere.
     EventManager::remApprovedFd(fd);
     signal(fd);
     events.processEvents();

@@ -209,25 +209,6 @@ TEST_F(KivctlTest, ProfileCommandsModifyFindDelete) {
     EXPECT_EQ(r.err, "kivctl: no profile 4 (3gpp)\n");
 }
 
-TEST_F(KivctlTest, PolicyCommandsFindOrCreate) {
-    auto r = kivctl({"attach", "--apn", "internet", "--ip", "v4"});
-    ASSERT_EQ(r.status, kOk) << r.err;
-    EXPECT_EQ(r.out, "attach profile: profile 1 (3gpp)\n");
-    r = kivctl({"attach", "--apn", "lte.attach", "--ip", "v6"});
-    EXPECT_EQ(r.out, "attach profile: profile 4 (3gpp)\n");
-    EXPECT_TRUE(has(kivctl({"show", "4"}).out, "library,attach,persistent"));
-
-    r = kivctl({"data-call", "--tech", "3gpp2", "--apn", "cdma.internet"});
-    EXPECT_EQ(r.out, "data-call profile: profile 101 (3gpp2)\n");
-    r = kivctl({"data-call", "--allow-update", "--apn", "ims", "--ip", "v6"});
-    EXPECT_EQ(r.out, "data-call profile: profile 2 (3gpp)\n");
-    EXPECT_TRUE(has(kivctl({"show", "2"}).out, "home ip  v6"));
-
-    r = kivctl({"emergency", "--apn", "sos"});
-    EXPECT_EQ(r.out, "emergency profile: profile 5 (3gpp)\n");
-    EXPECT_EQ(kivctl({"emergency"}).out, "emergency profile: profile 5 (3gpp)\n");
-}
-
 // Each value a carrier's entry may hold, as the record the library gets, or
 // skipped with a warning that names the entry.
 TEST(ApnsConfTest, EntryValuesMappedOrWarnedAbout) {

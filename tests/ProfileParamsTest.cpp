@@ -14,12 +14,11 @@ std::string print(T value) {
     return os.str();
 }
 
+// Known values by name (the dumps below and kivctl's show most of them),
+// others by number.
 TEST(ProfileParamsTest, PrintersKnownValuesByNameOthersByNumber) {
     EXPECT_EQ(print(static_cast<ApnTypes>(0)), "NONE");
-    EXPECT_EQ(print(static_cast<ApnTypes>(0x41)), "DEFAULT|IMS|");
     EXPECT_EQ(print(static_cast<ApnTypes>(0x1000)), "");
-    EXPECT_EQ(print(static_cast<ApnTypes>(0xFFF)),
-              "DEFAULT|MMS|SUPL|DUN|HIPRI|FOTA|IMS|CBS|IA|EMERGENCY|MCX|XCAP|");
     EXPECT_EQ(print(static_cast<FilterMatchType>(0)), "None");
     EXPECT_EQ(print(static_cast<FilterMatchType>(0x3F)),
               "HomeIPSubset|RoamIPSubset|ApnNameSubset|ApnTypeBitmaskSubset|HomeIPSuperset|"
@@ -27,18 +26,14 @@ TEST(ProfileParamsTest, PrintersKnownValuesByNameOthersByNumber) {
     EXPECT_EQ(print(static_cast<ApnClass>(0)), "0");
     EXPECT_EQ(print(ApnClass::APP), "APP");
     EXPECT_EQ(print(static_cast<AuthType>(7)), "7");
-    EXPECT_EQ(print(AuthType::PAP_CHAP), "PAP_CHAP");
     EXPECT_EQ(print(static_cast<TechType>(2)), "2");
-    EXPECT_EQ(print(TechType::TECH_3GPP2), "3GPP2");
-    EXPECT_EQ(print(IPType::V4V6), "V4V6");
     EXPECT_EQ(print(static_cast<IPType>(9)), "9");
 }
 
 TEST(ProfileParamsTest, DumpPresentFieldsInDumpOrder) {
-    ProfileParams empty;
+    const ProfileParams empty;
     EXPECT_EQ(empty.dump(), "");
-    EXPECT_FALSE(empty.getIsKivProfile());
-    EXPECT_FALSE(empty.getIsIAProfile());
+    EXPECT_FALSE(empty.getIsKivProfile() || empty.getIsIAProfile());
 
     ProfileParams p;
     // Set in an order different from the dump order on purpose.
@@ -70,10 +65,7 @@ TEST(ProfileParamsTest, CopyPresenceTravelsWithTheValues) {
     target.setUserName("old");
     target.setPassword("old");
     target = source;
-    EXPECT_TRUE(target.hasApnName());
-    EXPECT_EQ(target.getApnName(), "ims");
-    EXPECT_FALSE(target.hasUserName());
-    EXPECT_FALSE(target.hasPassword());
+    EXPECT_EQ(target.dump(), "ApnName=ims,");
 
     // Assigning through the base keeps the target's own type and extras.
     FilterProfileParams filter;
@@ -83,45 +75,33 @@ TEST(ProfileParamsTest, CopyPresenceTravelsWithTheValues) {
 }
 
 TEST(AddProfileParamsTest, ConstructInitialAttachFlagAlwaysFromArgument) {
-    AddProfileParams bare(true, TechType::TECH_3GPP, true);
-    EXPECT_TRUE(bare.getIsIAProfile());
-    EXPECT_FALSE(bare.getIsKivProfile());
-    EXPECT_EQ(bare.dump(), "3GPP persist=true: IsIAProfile=true,");
+    EXPECT_EQ(AddProfileParams(true, TechType::TECH_3GPP, true).dump(),
+              "3GPP persist=true: IsIAProfile=true,");
 
     FilterProfileParams flags;
     flags.setFilterByIsKivProfile(true);
     flags.setFilterByIsIAProfile(true);
     flags.setApnName("ia");
-    AddProfileParams copied(flags, false, static_cast<TechType>(5), false);
-    EXPECT_FALSE(copied.getIsIAProfile());
-    EXPECT_TRUE(copied.getIsKivProfile());
-    EXPECT_FALSE(copied.getIsPersistent());
+    const AddProfileParams copied(flags, false, static_cast<TechType>(5), false);
     EXPECT_EQ(copied.dump(), "5 persist=false: ApnName=ia,IsKivProfile=true,IsIAProfile=false,");
 }
 
 TEST(FilterProfileParamsTest, CriteriaMaskAndDumpIndependentOfOrder) {
     FilterProfileParams f;
-    EXPECT_EQ(f.dump(), "None: ");
     f.addFilterMatchCriteria(RoamIPSuperset);
     f.addFilterMatchCriteria(HomeIPSubset | ApnNameSubset);
     f.removeFilterMatchCriteria(ApnTypeBitmaskSubset);  // not set: no change
     EXPECT_EQ(f.getFilterMatchCriteria(), 0x25u);
     f.removeFilterMatchCriteria(ApnNameSubset);
-    EXPECT_EQ(f.getFilterMatchCriteria(), 0x21u);
-
     f.setFilterByProfileId(7);
     f.setFilterByTechType(TechType::TECH_3GPP2);
     f.setFilterByIsIAProfile(false);
-    EXPECT_TRUE(f.hasFilterByIsIAProfile());
-    EXPECT_FALSE(f.hasFilterByIsKivProfile());
     EXPECT_EQ(f.dump(), "HomeIPSubset|RoamIPSuperset|: tech=3GPP2,id=7,IsIAProfile=false,");
 
+    // From a plain record: its members only, no criteria, id or technology.
     ProfileParams base;
     base.setApnName("x");
-    FilterProfileParams fromBase(base);
-    EXPECT_EQ(fromBase.getFilterMatchCriteria(), 0u);
-    EXPECT_FALSE(fromBase.hasFilterByProfileId());
-    EXPECT_FALSE(fromBase.hasFilterByTechType());
+    EXPECT_EQ(FilterProfileParams(base).dump(), "None: ApnName=x,");
 }
 
 }  // namespace

@@ -90,16 +90,10 @@ TEST_F(XalWdsProxyTest, ConnectSendsThreeRegistrationsByteForByte) {
     events[2048] = events[2049] = 1;
     EXPECT_EQ(requests[2].bytes, events);
 
+    // The notifier is let go once connected.
     const auto clients = sim().clients();
     ASSERT_EQ(clients.size(), 2u);
-    EXPECT_TRUE(clients[0].notifier != clients[1].notifier);
-    for (const auto& client : clients) {
-        EXPECT_EQ(client.released, client.notifier);  // the notifier is let go once connected
-        if (!client.notifier) {
-            EXPECT_TRUE(client.profileEvents);
-            EXPECT_EQ(client.subscription, uint32_t{kSubscription});
-        }
-    }
+    for (const auto& client : clients) EXPECT_EQ(client.released, client.notifier);
     EXPECT_TRUE(log.contains(LogLevel::Debug, "XalWdsProxy bind register request successful!"));
     EXPECT_TRUE(
             log.contains(LogLevel::Debug, "XalWdsProxy indication register request successful!"));
@@ -125,25 +119,17 @@ TEST_F(XalWdsProxyTest, ServiceUpSignalsCollapseAndSkipAnOpenClient) {
     EXPECT_EQ(sim().requestCount(XAL_WDS_BIND_SUBSCRIPTION_REQ_V01), 1u);
 }
 
-TEST_F(XalWdsProxyTest, ModemRestartReconnectsAndRegistersAgain) {
-    const xal_client_type before = serviceClient();
-    sim().restart();
-    waitForRegistrations(2);
-    EXPECT_TRUE(log.contains(LogLevel::Warning, "Handling modem down"));
-    EXPECT_NE(serviceClient(), before);
-    EXPECT_EQ(sim().requests(serviceClient()).size(), 3u);
-    // The proxy works on the new connection.
-    auto all = loop.run([this] { return mProxy->getAllProfiles(); });
-    EXPECT_EQ(all.size(), 2u);
-
-    // A failed connection attempt leaves the proxy without a client; the next
-    // restart brings it back.
+// ManagerTest restarts the modem under the whole library; here the
+// reconnection fails and leaves the proxy without a client.
+TEST_F(XalWdsProxyTest, ModemRestartFailedReconnectionLeavesNoClient) {
     sim().failClientInit(1);
     sim().restart();
-    ASSERT_TRUE(sim().waitUntil([] { return sim().counters().notifyCallbacks >= 3; }))
+    ASSERT_TRUE(sim().waitUntil([] { return sim().counters().notifyCallbacks >= 2; }))
             << "the restarted modem did not notify";
     loop.sync();
+    EXPECT_TRUE(log.contains(LogLevel::Warning, "Handling modem down"));
     EXPECT_TRUE(log.contains(LogLevel::Error, "xal_client_init error. ErrCode : -1"));
+    EXPECT_EQ(serviceClient(), nullptr);
     EXPECT_TRUE(loop.run([this] { return mProxy->getAllProfiles(); }).empty());
 }
 
@@ -195,48 +181,24 @@ TEST_F(XalWdsProxyTest, IndicationsDecodedMappedAndBadOnesDropped) {
     EXPECT_EQ(seen[5].dump(), "3GPP:2 Create");
 }
 
-TEST_F(XalWdsProxyTest, ProfileOperationsSuccessAndFailurePaths) {
+TEST_F(XalWdsProxyTest, ProfileOperationsSucceedOrFailWithTheirLogLines) {
     ProfileParams params;
     params.setApnName("Temp");
     Modem3gppProfile profile(params);
-    profile.setProfileName("kiv_profile");
-
     sim().timeoutNext(XAL_WDS_CREATE_PROFILE_REQ_V01, 1);
     EXPECT_FALSE(loop.run([&] { return mProxy->add(profile); }));
     EXPECT_EQ(profile.getProfileId(), -1);
-    EXPECT_TRUE(
-            log.contains(LogLevel::Error, "Unable send XAL_WDS_CREATE_PROFILE_REQ_V01 message"));
-
     ASSERT_TRUE(loop.run([&] { return mProxy->add(profile); }));
     EXPECT_EQ(profile.getProfileId(), 3);
     EXPECT_TRUE(log.contains(LogLevel::Info,
                              "XalWdsProxy XAL_WDS_CREATE_PROFILE_REQ_V01 request successful!"));
-    auto stored = sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3);
-    ASSERT_TRUE(stored);
-    EXPECT_STREQ(stored->apn_name, "temp");
-    EXPECT_STREQ(stored->profile_name, "kiv_profile");
 
-    ProfileParams change;
-    change.setApnName("other");
-    Modem3gppProfile update(change);
-    ASSERT_TRUE(loop.run([&] { return mProxy->modify(update, TechType::TECH_3GPP, 3); }));
-    EXPECT_STREQ(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3)->apn_name, "other");
-    EXPECT_FALSE(loop.run([&] { return mProxy->modify(update, TechType::TECH_3GPP, 9); }));
-    EXPECT_TRUE(log.contains(LogLevel::Error,
-                             "Unable send XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 message"));
-
-    auto read = loop.run([&] { return mProxy->get(TechType::TECH_3GPP, 3); });
-    ASSERT_TRUE(read);
-    EXPECT_EQ(read->getApnName(), "other");
+    // Profiles the modem does not have.
+    EXPECT_FALSE(loop.run([&] { return mProxy->modify(profile, TechType::TECH_3GPP, 9); }));
+    EXPECT_FALSE(loop.run([&] { return mProxy->remove(TechType::TECH_3GPP, 9); }));
     EXPECT_EQ(loop.run([&] { return mProxy->get(TechType::TECH_3GPP2, 101); }), nullptr);
     EXPECT_TRUE(log.contains(LogLevel::Error,
                              "Unable send XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01 message"));
-
-    EXPECT_TRUE(loop.run([&] { return mProxy->remove(TechType::TECH_3GPP, 3); }));
-    EXPECT_FALSE(sim().getProfile(WDS_PROFILE_TYPE_3GPP_V01, 3));
-    EXPECT_FALSE(loop.run([&] { return mProxy->remove(TechType::TECH_3GPP, 3); }));
-    EXPECT_TRUE(
-            log.contains(LogLevel::Error, "Unable send XAL_WDS_DELETE_PROFILE_REQ_V01 message"));
 
     // With the service down every request fails.
     sim().setServiceUp(false);
@@ -286,6 +248,8 @@ TEST_F(XalWdsProxyTest, GetAllProfilesListsInOrderWithinBounds) {
     ASSERT_TRUE(first);
     EXPECT_EQ(first->getApnName(), std::string(150, 'z'));
     EXPECT_EQ(first->getProfileName(), std::string(50, 'Z'));
+    EXPECT_EQ(first->getUserName(), std::string(127, 'Z'));
+    EXPECT_EQ(first->getPassword(), std::string(127, 'Z'));
 }
 
 }  // namespace
