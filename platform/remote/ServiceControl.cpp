@@ -1,5 +1,7 @@
 #include "ServiceControl.h"
 
+#include <cstring>
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -50,9 +52,11 @@ std::optional<Message> receiveMessage(int fd, Clock::time_point deadline, std::s
 Result<ServiceControl> ServiceControl::connect() {
     android::base::unique_fd fd = connectToService();
     if (fd.get() < 0) {
+        const int why = errno;  // connect's reason
         const std::string path = socketPath();
         return Error() << "cannot reach the modem service"
-                       << (path.empty() ? std::string() : " at " + path);
+                       << (path.empty() ? std::string() : " at " + path) << ": "
+                       << strerror(why);
     }
     const auto deadline = Clock::now() + std::chrono::seconds(10);
     std::string error;

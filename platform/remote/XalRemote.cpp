@@ -186,7 +186,10 @@ class Transport {
         } else {
             sockaddr_un address{};
             address.sun_family = AF_UNIX;
-            if (path.empty() || path.size() >= sizeof(address.sun_path)) return unique_fd();
+            if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+                errno = path.empty() ? EDESTADDRREQ : ENAMETOOLONG;
+                return unique_fd();
+            }
             memcpy(address.sun_path, path.data(), path.size());
             fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
             if (fd.get() < 0 ||

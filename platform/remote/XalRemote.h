@@ -32,7 +32,7 @@ using Connector = std::function<android::base::unique_fd()>;
 void setConnector(Connector connect);
 
 // A new connection to the service, made as this process's clients make
-// theirs; not open (-1) when the service cannot be reached.
+// theirs; not open (-1) when the service cannot be reached, errno saying why.
 android::base::unique_fd connectToService();
 
 // Service clients of this process that are open, have not lost the service

@@ -334,7 +334,12 @@ Result<void> StateFile::save(const Table& table) const {
             android::base::Dirname(mPath) + "/." + android::base::Basename(mPath) + ".XXXXXX";
     // mkostemp creates the name exclusively: a symlink planted there fails it.
     unique_fd fd(mkostemp(temporary.data(), O_CLOEXEC));
-    if (fd.get() < 0) return ErrnoError() << "cannot write " << mPath;
+    // The new table is written beside the old one, then renamed over it: the
+    // folder must take a new file.
+    if (fd.get() < 0) {
+        return ErrnoError() << "cannot write " << mPath << " (a new file in "
+                            << android::base::Dirname(mPath) << ")";
+    }
     auto fail = [&](const char* what) -> Result<void> {
         const int saved = errno;
         unlink(temporary.c_str());
