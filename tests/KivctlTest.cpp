@@ -67,7 +67,7 @@ class KivctlFixture : public testing::Test {
 class KivctlTest : public KivctlFixture {};
 
 TEST(KivctlArgumentsTest, ValuesNeverOptionsEachOptionOnce) {
-    const std::vector<OptionSpec> spec = {
+    const std::vector<KnownOption> known = {
             {"--apn", "NAME", ""}, {"--temporary", nullptr, ""}, {"--help", nullptr, ""}};
     struct Row {
         std::vector<std::string> words;
@@ -93,7 +93,7 @@ TEST(KivctlArgumentsTest, ValuesNeverOptionsEachOptionOnce) {
         const std::string line = testing::PrintToString(row.words);
         if (row.error) {
             try {
-                Arguments::parse(row.words, spec);
+                Arguments::parse(row.words, known);
                 ADD_FAILURE() << line << " was accepted";
             } catch (const UsageError& e) {
                 EXPECT_TRUE(std::string(e.what()).find(row.apn) != std::string::npos)
@@ -101,11 +101,11 @@ TEST(KivctlArgumentsTest, ValuesNeverOptionsEachOptionOnce) {
             }
             continue;
         }
-        const Arguments args = Arguments::parse(row.words, spec);
+        const Arguments args = Arguments::parse(row.words, known);
         EXPECT_EQ(args.value("--apn").value_or(""), row.apn) << line;
         EXPECT_EQ(args.positionals(), row.positionals) << line;
     }
-    EXPECT_TRUE(Arguments::parse({"-h"}, spec).has("--help"));
+    EXPECT_TRUE(Arguments::parse({"-h"}, known).has("--help"));
 
     EXPECT_EQ(parseNumber("010", "x", 0, 255), 10);
     for (const char* bad : {"", " 5", "+5", "-1", "256", "5x", "0x1F", "1e3", "99999999999"}) {

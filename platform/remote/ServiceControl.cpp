@@ -1,11 +1,10 @@
 #include "ServiceControl.h"
 
-#include <cstring>
-
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <vector>
 
 #include "ServiceWire.h"
@@ -55,8 +54,7 @@ Result<ServiceControl> ServiceControl::connect() {
         const int why = errno;  // connect's reason
         const std::string path = socketPath();
         return Error() << "cannot reach the modem service"
-                       << (path.empty() ? std::string() : " at " + path) << ": "
-                       << strerror(why);
+                       << (path.empty() ? std::string() : " at " + path) << ": " << strerror(why);
     }
     const auto deadline = Clock::now() + std::chrono::seconds(10);
     std::string error;

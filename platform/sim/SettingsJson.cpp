@@ -9,17 +9,9 @@
 
 namespace xalsim {
 
-namespace {
-
 using nlohmann::json;
 
-template <typename T>
-using RawOf = typename std::conditional_t<std::is_enum_v<T>, std::underlying_type<T>,
-                                          std::common_type<T>>::type;
-
-template <size_t N>
-json textToJson(const char (&field)[N]) {
-    const std::string text(field, strnlen(field, N));
+json textJson(const std::string& text) {
     if (kiv::isUtf8(text)) return text;
     static const char kDigits[] = "0123456789abcdef";
     std::string hex;
@@ -28,6 +20,17 @@ json textToJson(const char (&field)[N]) {
         hex += kDigits[c & 0xF];
     }
     return json{{"hex", hex}};
+}
+
+namespace {
+
+template <typename T>
+using RawOf = typename std::conditional_t<std::is_enum_v<T>, std::underlying_type<T>,
+                                          std::common_type<T>>::type;
+
+template <size_t N>
+json textToJson(const char (&field)[N]) {
+    return textJson(std::string(field, strnlen(field, N)));
 }
 
 template <size_t N>

@@ -16,6 +16,8 @@
 namespace xalsim {
 
 nlohmann::ordered_json profileToJson(const Slot& slot, const Settings& settings);
+// Text as JSON: itself when UTF-8, else {"hex": "..."}.
+nlohmann::json textJson(const std::string& text);
 // False, with the reason, for anything but a well-formed profile.
 bool profileFromJson(const nlohmann::json& object, Slot* slot, Settings* settings,
                      std::string* error);

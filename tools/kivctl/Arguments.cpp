@@ -38,9 +38,9 @@ std::string printable(const std::string& text) {
 }
 
 Arguments Arguments::parse(const std::vector<std::string>& words,
-                           const std::vector<OptionSpec>& options) {
+                           const std::vector<KnownOption>& options) {
     Arguments result;
-    auto spec = [&](const std::string& name) -> const OptionSpec* {
+    auto known = [&](const std::string& name) -> const KnownOption* {
         for (const auto& option : options) {
             if (name == option.name) return &option;
         }
@@ -60,7 +60,7 @@ Arguments Arguments::parse(const std::vector<std::string>& words,
         const size_t equals = word.find('=');
         std::string name = word.substr(0, equals);
         if (name == "-h") name = "--help";
-        const OptionSpec* option = spec(name);
+        const KnownOption* option = known(name);
         if (option == nullptr || !android::base::StartsWith(name, "--")) {
             throw UsageError("unknown option " + quote(name));
         }

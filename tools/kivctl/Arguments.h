@@ -8,7 +8,7 @@
 
 namespace kivctl {
 
-struct OptionSpec {
+struct KnownOption {
     const char* name;   // "--apn"
     const char* value;  // what the value is called in help ("NAME"); null for a flag
     const char* help;   // one line
@@ -21,7 +21,7 @@ struct OptionSpec {
 class Arguments {
   public:
     static Arguments parse(const std::vector<std::string>& words,
-                           const std::vector<OptionSpec>& options);
+                           const std::vector<KnownOption>& options);
 
     bool has(const std::string& name) const { return mValues.count(name) != 0; }
     // The option's value; none when it was not given (or is a flag).

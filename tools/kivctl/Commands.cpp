@@ -24,8 +24,8 @@ using nlohmann::ordered_json;
 
 namespace {
 
-const std::vector<OptionSpec> kTech = {{"--tech", "3gpp|3gpp2", "the profile's technology"}};
-const std::vector<OptionSpec> kAllowUpdate = {
+const std::vector<KnownOption> kTech = {{"--tech", "3gpp|3gpp2", "the profile's technology"}};
+const std::vector<KnownOption> kAllowUpdate = {
         {"--allow-update", nullptr, "existing profiles may be rewritten more freely"}};
 
 std::string plural(size_t count, const std::string& what) {
@@ -38,8 +38,8 @@ constexpr const char* kProfileWord =
 
 }  // namespace
 
-const std::vector<OptionSpec>& globalOptions() {
-    static const std::vector<OptionSpec> kOptions = {
+const std::vector<KnownOption>& globalOptions() {
+    static const std::vector<KnownOption> kOptions = {
             {"--modem", "PATH", "the modem service's socket (default $KIVR_MODEM)"},
             {"--modem-state", "FILE",
              "without a service: the modem's table (default\n"
@@ -231,7 +231,7 @@ const Command* findCommand(const std::string& name) {
 
 namespace {
 
-std::string optionLines(const std::vector<OptionSpec>& options) {
+std::string optionLines(const std::vector<KnownOption>& options) {
     std::string text;
     for (const auto& option : options) {
         std::string left = std::string("  ") + option.name;

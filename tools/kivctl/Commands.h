@@ -22,7 +22,7 @@ struct Command {
     const char* synopsis;  // what follows "kivctl" in the usage line
     const char* summary;   // one line, for the list of commands
     const char* details;   // the rest of its help
-    std::vector<OptionSpec> options;
+    std::vector<KnownOption> options;
     size_t minArguments;
     size_t maxArguments;
     bool needsLibrary;                            // the library is brought up on the modem first
@@ -32,7 +32,7 @@ struct Command {
 
 const std::vector<Command>& commandTable();
 const Command* findCommand(const std::string& name);
-const std::vector<OptionSpec>& globalOptions();
+const std::vector<KnownOption>& globalOptions();
 
 // Help texts.
 std::string usage();

@@ -28,11 +28,11 @@ struct CommandLine {
     std::vector<std::string> words;  // the command's own
 };
 
-bool isGlobal(const std::string& word, const OptionSpec** spec) {
+bool isGlobal(const std::string& word, const KnownOption** known) {
     const std::string name = word.substr(0, word.find('='));
     for (const auto& option : globalOptions()) {
         if (name == option.name) {
-            *spec = &option;
+            *known = &option;
             return true;
         }
     }
@@ -45,16 +45,16 @@ CommandLine split(const std::vector<std::string>& words) {
     bool rest = false;  // after "--", everything is the command's
     for (size_t i = 0; i < words.size(); ++i) {
         const std::string& word = words[i];
-        const OptionSpec* spec = nullptr;
+        const KnownOption* known = nullptr;
         if (!rest && word == "--") {
             rest = true;
             line.words.push_back(word);
         } else if (!rest && (word == "-h" || word == "--help") && line.command.empty()) {
             line.help = true;
-        } else if (!rest && isGlobal(word, &spec) && std::string(spec->name) != "--help") {
+        } else if (!rest && isGlobal(word, &known) && std::string(known->name) != "--help") {
             global.push_back(word);
             // A value given as the next word travels with its option.
-            if (spec->value != nullptr && word.find('=') == std::string::npos &&
+            if (known->value != nullptr && word.find('=') == std::string::npos &&
                 i + 1 < words.size()) {
                 global.push_back(words[++i]);
             }

@@ -6,7 +6,7 @@
 
 #include "Errors.h"
 #include "ProfileOptions.h"
-#include "Utf8.h"
+#include "SettingsJson.h"
 
 namespace kivctl {
 
@@ -46,17 +46,6 @@ std::vector<std::string> flagsOf(const ProfileView& view) {
     return flags;
 }
 
-ordered_json textJson(const std::string& text) {
-    if (kiv::isUtf8(text)) return text;
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned char c : text) {
-        hex += kDigits[c >> 4];
-        hex += kDigits[c & 0xF];
-    }
-    return {{"hex", hex}};
-}
-
 nlohmann::json withoutSecrets(nlohmann::json settings) {
     for (auto& [name, value] : settings.items()) {
         if (name.find("password") != std::string::npos) value = "(hidden)";
@@ -78,13 +67,14 @@ ordered_json profileJson(const ProfileView& view) {
     out["id"] = view.id;
     out["tech"] = techName(view.tech);
     if (view.handle) out["handle"] = "#" + std::to_string(view.handle);
-    out["apn"] = p.hasApnName() ? textJson(p.getApnName()) : ordered_json();
+    out["apn"] = p.hasApnName() ? ordered_json(xalsim::textJson(p.getApnName())) : ordered_json();
     out["homeIp"] = optional(p.hasHomeIPType(), ipName(p.getHomeIPType()));
     out["roamIp"] = optional(p.hasRoamIPType(), ipName(p.getRoamIPType()));
     out["types"] = optional(p.hasApnTypesMask(), typeNames(p.getApnTypesMask()));
     out["auth"] = optional(p.hasAuthType(), authName(p.getAuthType()));
     out["class"] = optional(p.hasApnClass(), className(p.getApnClass()));
-    out["user"] = p.hasUserName() ? textJson(p.getUserName()) : ordered_json();
+    out["user"] =
+            p.hasUserName() ? ordered_json(xalsim::textJson(p.getUserName())) : ordered_json();
     out["maxConns"] = optional(p.hasMaxPdnsConnPerBlock(), p.getMaxPdnsConnPerBlock());
     out["maxConnsTime"] = optional(p.hasMaxPdnConnTimer(), p.getMaxPdnConnTimer());
     out["waitTime"] = optional(p.hasPdnReqWaitInterval(), p.getPdnReqWaitInterval());

@@ -25,9 +25,6 @@ struct ProfileView {
 std::vector<std::string> flagsOf(const ProfileView& view);
 
 nlohmann::ordered_json profileJson(const ProfileView& view);
-// Text for JSON: as it is when UTF-8, else {"hex": "..."}, as the modem
-// service writes it.
-nlohmann::ordered_json textJson(const std::string& text);
 // A profile's settings as the modem holds them, passwords hidden.
 nlohmann::json withoutSecrets(nlohmann::json settings);
 // One of those settings for a terminal: text quoted and escaped as printable().

@@ -87,8 +87,8 @@ std::string readTextOption(const std::string& text, const std::string& option, s
     return text;
 }
 
-const std::vector<OptionSpec>& profileOptions() {
-    static const std::vector<OptionSpec> kOptions = {
+const std::vector<KnownOption>& profileOptions() {
+    static const std::vector<KnownOption> kOptions = {
             {"--apn", "NAME", "the access point name (at most 150 bytes)"},
             {"--user", "NAME", "user name (at most 127 bytes)"},
             {"--password", "TEXT", "password (at most 127 bytes)"},
@@ -108,8 +108,8 @@ const std::vector<OptionSpec>& profileOptions() {
     return kOptions;
 }
 
-const std::vector<OptionSpec>& filterOptions() {
-    static const std::vector<OptionSpec> kOptions = {
+const std::vector<KnownOption>& filterOptions() {
+    static const std::vector<KnownOption> kOptions = {
             {"--id", "N", "the modem profile id, 1 to 255"},
             {"--tech", "3gpp|3gpp2", "the technology"},
             {"--kiv", "yes|no", "made by the library"},
@@ -124,8 +124,8 @@ const std::vector<OptionSpec>& filterOptions() {
     return kOptions;
 }
 
-std::vector<OptionSpec> optionsOf(std::initializer_list<std::vector<OptionSpec>> lists) {
-    std::vector<OptionSpec> all;
+std::vector<KnownOption> optionsOf(std::initializer_list<std::vector<KnownOption>> lists) {
+    std::vector<KnownOption> all;
     for (const auto& list : lists) all.insert(all.end(), list.begin(), list.end());
     return all;
 }

@@ -13,11 +13,11 @@ namespace kivctl {
 
 // --apn, --user, --password, --auth, --ip, --roam-ip, --types, --class,
 // --clat, --disabled, --emergency, --max-conns, --max-conns-time, --wait-time.
-const std::vector<OptionSpec>& profileOptions();
+const std::vector<KnownOption>& profileOptions();
 // What a filter adds: --id, --tech, --kiv, --attach-profile and the criteria.
-const std::vector<OptionSpec>& filterOptions();
+const std::vector<KnownOption>& filterOptions();
 // Lists of options, joined.
-std::vector<OptionSpec> optionsOf(std::initializer_list<std::vector<OptionSpec>> lists);
+std::vector<KnownOption> optionsOf(std::initializer_list<std::vector<KnownOption>> lists);
 
 // The profile options given, into params. Text the modem cannot hold (too
 // long, control characters, not UTF-8) and options the technology does not

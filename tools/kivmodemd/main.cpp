@@ -62,7 +62,7 @@ int main(int argc, char** argv) {
     std::string statePath, socketPath;
     kivmodemd::ModemServer::Options options;
     try {
-        const std::vector<kivctl::OptionSpec> known = {
+        const std::vector<kivctl::KnownOption> known = {
                 {"--state", "FILE", ""},      {"--socket", "PATH", ""},
                 {"--capacity-3gpp", "N", ""}, {"--capacity-3gpp2", "N", ""},
                 {"--latency", "MS", ""},      {"--indication-delay", "MS", ""},
