@@ -90,6 +90,7 @@ TEST(ModemProfileTest, RequestsCutToTheModemsSizesFoldIPTypesAndKeepToTheirTechn
     p.setHomeIPType(IPType::V4);
     p.setRoamIPType(IPType::V6);
     p.setMaxPdnConnTimer(0x1ABCD);
+    p.setMaxPdnsConnPerBlock(0x2BCDE);
     Modem3gppProfile threeGpp(p);
     threeGpp.setProfileName(std::string(60, 'n'));
     const auto req = threeGpp.constructAddRequest();
@@ -101,6 +102,7 @@ TEST(ModemProfileTest, RequestsCutToTheModemsSizesFoldIPTypesAndKeepToTheirTechn
     EXPECT_EQ(req.pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
     EXPECT_EQ(req.override_home_pdp_type, WDS_COMMON_PDP_TYPE_PDP_IPV4_V01);
     EXPECT_EQ(req.max_pdn_conn_timer, 0xABCD);  // 16 bits on the modem
+    EXPECT_EQ(req.max_pdn_conn_per_block, 0xBCDE);
     EXPECT_EQ(req.apn_string_valid + req.user_id_valid + req.auth_password_valid +
                       req.pdn_type_valid + req.pdn_level_auth_protocol_valid,
               0);
@@ -379,6 +381,11 @@ TEST(Modem3gppProfileTest, FromSettingsRoamingSentinelOverrideAndDump) {
     EXPECT_EQ(seen.getHomeIPType(), IPType::V4V6);  // common, the override being UNKNOWN
     EXPECT_FALSE(seen.hasRoamIPType());
     EXPECT_FALSE(seen.getIsKivProfile());
+
+    // LTE and UMTS roaming types that differ give no roaming type.
+    r.lte_roaming_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV4_V01;
+    r.umts_roaming_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV6_V01;
+    EXPECT_FALSE(Modem3gppProfile(9, r).get().hasRoamIPType());
 }
 
 // Whatever the modem sends, a profile matches what it says it is.
