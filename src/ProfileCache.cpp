@@ -48,6 +48,7 @@ void ProfileCache::clear() {
     mPending.clear();
     mProfiles.clear();
     mLiveKeys.clear();
+    mCreatedAfter.clear();
 }
 
 std::shared_ptr<IProfileKey> ProfileCache::makeKey(TechType techType, int profileId,
@@ -69,15 +70,22 @@ ProfileCache::ProfileMap::iterator ProfileCache::find(const ProfileKey& key,
     return find(key.getToken(), missingLevel);
 }
 
-void ProfileCache::expect(TechType techType, int profileId, ProfileChangedEvent event) {
+void ProfileCache::expect(TechType techType, int profileId, ProfileChangedEvent event,
+                          uint64_t after) {
     ++mGeneration;
-    mPending.push_back({techType, profileId, event});
+    mPending.push_back({{techType, profileId, event}, after});
+}
+
+bool ProfileCache::predates(unsigned long token) const {
+    auto created = mCreatedAfter.find(token);
+    return created != mCreatedAfter.end() && mProxy.currentArrival() <= created->second;
 }
 
 bool ProfileCache::refresh() {
     ++mGeneration;
     mProfiles.clear();
     mLiveKeys.clear();
+    mCreatedAfter.clear();
     for (auto& profile : mProxy.getAllProfiles()) {
         mProfiles.emplace(generateToken(), std::move(profile));
     }
@@ -112,9 +120,13 @@ std::shared_ptr<IProfileKey> ProfileCache::add(const AddProfileParams& params) {
 
     profile->incRefCount();
     mProfiles.emplace(token, profile);
+    const uint64_t createdAfter = mProxy.predatesLastAdd();
+    mCreatedAfter[token] = createdAfter;
     // The modem echoes a creation with Create and then Modify.
-    expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Create);
-    expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
+    expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Create,
+           createdAfter);
+    expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify,
+           createdAfter);
     KLOGI("Added: %s", profile->dump().c_str());
     return makeKey(params.getTechType(), profile->getProfileId(), token);
 }
@@ -135,7 +147,8 @@ bool ProfileCache::modify(const ModifyProfileParams& params, std::shared_ptr<Pro
         ++mGeneration;
         profile->apply(changes);
         KLOGI("Diff: %s", changes->dump().c_str());
-        expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
+        expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify,
+               mProxy.arrivedBeforeLastRequest());
     } else {
         KLOGE("ProfileCache: failed to modify modem profile");
     }
@@ -153,10 +166,12 @@ bool ProfileCache::remove(std::shared_ptr<ProfileKey> key) {
         return false;
     }
     if (it->second) {
-        expect(it->second->getTechType(), it->second->getProfileId(), ProfileChangedEvent::Delete);
+        expect(it->second->getTechType(), it->second->getProfileId(), ProfileChangedEvent::Delete,
+               mProxy.arrivedBeforeLastRequest());
     }
     ++mGeneration;
     mLiveKeys.erase(it->first);
+    mCreatedAfter.erase(it->first);
     mProfiles.erase(it);
     return true;
 }
@@ -199,15 +214,16 @@ std::vector<std::string> ProfileCache::dump() const {
                         (profile ? profile->dump() : std::string("null")));
     }
     lines.emplace_back("Pending:");
-    for (const auto& ind : mPending) lines.push_back("  " + ind.dump());
+    for (const auto& pending : mPending) lines.push_back("  " + pending.ind.dump());
     return lines;
 }
 
 void ProfileCache::onIndication(ProfileChangedInd ind) {
     ++mGeneration;
     KLOGI("ProfileCache: onIndication < %s", ind.dump().c_str());
+    const uint64_t arrival = mProxy.currentArrival();
     for (auto it = mPending.begin(); it != mPending.end(); ++it) {
-        if (*it == ind) {
+        if (it->ind == ind && arrival > it->after) {
             KLOGI("ProfileCache: pending transaction confirmed");
             mPending.erase(it);
             return;
@@ -218,19 +234,32 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
         return profile && profile->getTechType() == ind.techType &&
                profile->getProfileId() == ind.profileId;
     };
+    // Another client's change that predates a profile created here took
+    // place before that profile existed: it says nothing about it.
+    auto spared = [&](unsigned long token, const std::shared_ptr<ModemProfile>& profile) {
+        if (!predates(token)) return false;
+        KLOGI("ProfileCache: %s predates profile %s created here, which it leaves as it is",
+              ind.dump().c_str(), profile->dump().c_str());
+        return true;
+    };
     switch (ind.event) {
         case ProfileChangedEvent::Create: {
+            for (const auto& [token, profile] : mProfiles) {
+                // Its profile is gone again: the index was free for this one.
+                if (matches(profile) && spared(token, profile)) return;
+            }
             const unsigned long token = generateToken();
             mProfiles.emplace(token, mProxy.get(ind.techType, ind.profileId));
             break;
         }
         case ProfileChangedEvent::Delete:
             for (auto it = mProfiles.begin(); it != mProfiles.end();) {
-                if (!matches(it->second)) {
+                if (!matches(it->second) || spared(it->first, it->second)) {
                     ++it;
                     continue;
                 }
                 mLiveKeys.erase(it->first);
+                mCreatedAfter.erase(it->first);
                 it = mProfiles.erase(it);
             }
             break;
@@ -238,7 +267,9 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
             for (auto& [token, profile] : mProfiles) {
                 // A fresh read replaces the object: count, flags and
                 // listeners are not carried over.
-                if (matches(profile)) profile = mProxy.get(ind.techType, ind.profileId);
+                if (matches(profile) && !spared(token, profile)) {
+                    profile = mProxy.get(ind.techType, ind.profileId);
+                }
             }
             break;
         case ProfileChangedEvent::SubscriptionChange:
@@ -289,7 +320,9 @@ bool ProfileCache::releaseProfile(unsigned long token) {
     }
     profile->decRefCount();
     KLOGI("Released profile %d", profile->getProfileId());
-    expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Delete);
+    expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Delete,
+           mProxy.arrivedBeforeLastRequest());
+    mCreatedAfter.erase(it->first);
     mProfiles.erase(it);
     return true;
 }
@@ -316,8 +349,10 @@ std::vector<ReclaimedProfile> ProfileCache::reclaim(bool dryRun) {
                 continue;
             }
             KLOGI("ProfileCache: reclaimed profile %s", profile->dump().c_str());
-            expect(techType, profileId, ProfileChangedEvent::Delete);
+            expect(techType, profileId, ProfileChangedEvent::Delete,
+                   mProxy.arrivedBeforeLastRequest());
             ++mGeneration;
+            mCreatedAfter.erase(it->first);
             it = mProfiles.erase(it);
         } else {
             ++it;

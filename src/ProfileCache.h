@@ -71,11 +71,23 @@ class ProfileCache {
   private:
     using ProfileMap = std::unordered_map<unsigned long, std::shared_ptr<ModemProfile>>;
 
+    // An indication an own operation will cause. One that reached the
+    // library no later than `after` (an arrival number of the proxy) is not
+    // it: it was on its way before the operation's request was sent, or
+    // before the profile it would name existed.
+    struct PendingEcho {
+        ProfileChangedInd ind;
+        uint64_t after;
+    };
+
     std::shared_ptr<IProfileKey> makeKey(TechType techType, int profileId, unsigned long token);
     // The entry of a key's token, or end() after logging at the given level.
     ProfileMap::iterator find(const ProfileKey& key, LogLevel missingLevel);
     ProfileMap::iterator find(unsigned long token, LogLevel missingLevel);
-    void expect(TechType techType, int profileId, ProfileChangedEvent event);
+    void expect(TechType techType, int profileId, ProfileChangedEvent event, uint64_t after);
+    // Whether the indication now handled describes the modem from before the
+    // entry's profile was created here.
+    bool predates(unsigned long token) const;
 
     RequestFunction mRequestFunction;
     XalWdsProxy mProxy;
@@ -84,7 +96,10 @@ class ProfileCache {
     // profile's reference count, which keeps its last holder when a profile
     // is not deleted on release, this says whether any key is alive.
     std::unordered_map<unsigned long, int> mLiveKeys;
-    std::list<ProfileChangedInd> mPending;  // echoes of own operations, oldest first
+    std::list<PendingEcho> mPending;  // echoes of own operations, oldest first
+    // Profiles created here, by token: the last arrival number of an
+    // indication that describes the modem from before they existed.
+    std::unordered_map<unsigned long, uint64_t> mCreatedAfter;
     uint64_t mGeneration = 0;
 };
 

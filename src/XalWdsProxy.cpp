@@ -265,6 +265,7 @@ void XalWdsProxy::xalIndCb(xal_client_type userHandle, unsigned int msgId, void*
     memcpy(info->indBuf.get(), indBuf, indBufLen);
     {
         MutexLock lock(proxy->mIndMutex);
+        info->arrival = ++proxy->mArrivals;
         proxy->mIndQueue.push_back(std::move(info));
     }
     // On failure the record stays queued for the next signal.
@@ -307,7 +308,9 @@ void XalWdsProxy::handleIndication(int fd, void* arg) {
         if (ind.profile_changed_ind_valid == 0) {
             KLOGE("Profile changed ind TLV is not valid");
         } else {
+            proxy->mCurrentArrival = info->arrival;
             proxy->handleProfileChangedInd(ind.profile_changed_ind);
+            proxy->mCurrentArrival = kNotQueued;
         }
     }
 }
@@ -326,10 +329,57 @@ void XalWdsProxy::handleProfileChangedInd(const wds_profile_changed_ind_type_v01
     }
 }
 
+uint64_t XalWdsProxy::arrivals() {
+    MutexLock lock(mIndMutex);
+    return mArrivals;
+}
+
+uint64_t XalWdsProxy::lastQueuedDelete(int32_t profileType, uint8_t index, uint64_t after,
+                                       uint64_t upTo) {
+    struct Candidate {
+        uint64_t arrival;
+        xal_client_type handle;
+        std::vector<uint8_t> bytes;
+    };
+    std::vector<Candidate> candidates;
+    {
+        MutexLock lock(mIndMutex);
+        for (const auto& info : mIndQueue) {
+            if (!info || info->arrival <= after || info->arrival > upTo ||
+                info->msgId != XAL_WDS_PROFILE_CHANGED_IND_V01) {
+                continue;
+            }
+            candidates.push_back({info->arrival, info->userHandle,
+                                  std::vector<uint8_t>(info->indBuf.get(),
+                                                       info->indBuf.get() + info->indBufLen)});
+        }
+    }
+    // Read quietly: each is decoded and logged in its turn, as it is handled.
+    uint64_t last = after;
+    for (const auto& candidate : candidates) {
+        wds_profile_changed_ind_msg_v01 ind = {};
+        if (xal_client_message_decode(candidate.handle, XAL_IDL_INDICATION,
+                                      XAL_WDS_PROFILE_CHANGED_IND_V01, candidate.bytes.data(),
+                                      static_cast<unsigned int>(candidate.bytes.size()), &ind,
+                                      sizeof(ind)) != XAL_NO_ERR ||
+            ind.profile_changed_ind_valid == 0) {
+            continue;
+        }
+        const auto& change = ind.profile_changed_ind;
+        if (change.profile_type == profileType && change.profile_index == index &&
+            change.profile_change_evt == WDS_PROFILE_EVENT_DELETE_V01) {
+            last = std::max(last, candidate.arrival);
+        }
+    }
+    return last;
+}
+
 bool XalWdsProxy::send(unsigned int msgId, void* request, unsigned int requestLength,
                        void* response, unsigned int responseLength) {
+    mArrivedBeforeRequest = arrivals();
     const xal_client_error_type rc = xal_client_send_msg_sync(
             mClient, msgId, request, requestLength, response, responseLength, kTimeoutMs);
+    mArrivedBeforeAnswer = arrivals();
     if (!accepted(rc, response)) {
         KLOGE("Unable send %s message", messageName(msgId));
         return false;
@@ -346,6 +396,8 @@ bool XalWdsProxy::add(ModemProfile& profile) {
         return false;
     }
     profile.setProfileId(response.profile.profile_index);
+    mPredatesLastAdd = lastQueuedDelete(request.profile_type, response.profile.profile_index,
+                                        mArrivedBeforeRequest, mArrivedBeforeAnswer);
     return true;
 }
 

@@ -24,6 +24,7 @@ struct IndInfo_t {
     std::unique_ptr<uint8_t[]> indBuf;
     unsigned int indBufLen;
     XalWdsProxy* proxy;
+    uint64_t arrival;  // its place among the indications that reached the proxy, from 1
 };
 
 // The library's client of the modem's wireless data service: finds the
@@ -50,6 +51,28 @@ class XalWdsProxy {
     // read leaves a null in its place.
     std::list<std::shared_ptr<ModemProfile>> getAllProfiles();
 
+    // Where an indication stands against the requests: indications are
+    // numbered as they reach the proxy, from 1.
+    //
+    // The arrival number of the indication being handed to the callback
+    // now; kNotQueued for one that did not come through the queue, which
+    // counts as the latest of all.
+    static constexpr uint64_t kNotQueued = UINT64_MAX;
+    uint64_t currentArrival() const { return mCurrentArrival; }
+    // The last number given before the latest request was sent: what came
+    // no later cannot be an answer to it.
+    uint64_t arrivedBeforeLastRequest() const { return mArrivedBeforeRequest; }
+    // For the profile the latest add created: the last number of an
+    // indication that provably describes the modem before the profile
+    // existed. Those that reached the proxy before the create was sent do;
+    // so do those the modem sent before its answer, up to the last Delete
+    // of that index among them, since the index was free when it was
+    // handed out (a messaging client that delivers indications in order
+    // with its answers has delivered them all by the time the answer is
+    // returned). A lone library never sees such a Delete that is not its
+    // own echo, so for it nothing changes.
+    uint64_t predatesLastAdd() const { return mPredatesLastAdd; }
+
     // Event handlers on the worker thread; arg is the proxy.
     static void handleSvcUp(int fd, void* arg);
     static void handleError(int fd, void* arg);
@@ -70,6 +93,12 @@ class XalWdsProxy {
     bool send(unsigned int msgId, void* request, unsigned int requestLength, void* response,
               unsigned int responseLength);
     static void signal(const EventFd& fd, const char* failureFormat);
+    uint64_t arrivals() EXCLUDES(mIndMutex);
+    // The arrival number of the last Delete of (profileType, index) among
+    // the queued indications numbered after `after` up to `upTo`; `after`
+    // when there is none.
+    uint64_t lastQueuedDelete(int32_t profileType, uint8_t index, uint64_t after, uint64_t upTo)
+            EXCLUDES(mIndMutex);
 
     EventManager& mEventManager;
     const int mSubscription;
@@ -80,6 +109,12 @@ class XalWdsProxy {
 
     Mutex mIndMutex;
     std::deque<std::unique_ptr<IndInfo_t>> mIndQueue GUARDED_BY(mIndMutex);
+    uint64_t mArrivals GUARDED_BY(mIndMutex) = 0;
+    // Worker thread only.
+    uint64_t mCurrentArrival = kNotQueued;
+    uint64_t mArrivedBeforeRequest = 0;
+    uint64_t mArrivedBeforeAnswer = 0;
+    uint64_t mPredatesLastAdd = 0;
 
     EventFd mSvcUpFd;
     EventFd mErrorFd;

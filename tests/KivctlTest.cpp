@@ -513,9 +513,13 @@ TEST_F(KivctlTest, ShellKeepsOneHandlePerProfileAndNamesLines) {
                "modem restart\n"
                "handles\n");
     EXPECT_EQ(r.status, kRefused);
-    EXPECT_TRUE(has(r.err, "line 2: modify: the modem refused or did not answer 1 request;"))
+    EXPECT_TRUE(has(r.err,
+                    "line 2: modify: the modem refused or did not answer 1 request: modify "
+                    "(refused, as injected); not everything was done"))
             << r.err;
-    EXPECT_TRUE(has(r.err, "line 5: modem: the modem refused or did not answer 1 request;"))
+    EXPECT_TRUE(has(r.err,
+                    "line 5: modem: the modem refused or did not answer 1 request: list (no "
+                    "answer in time);"))
             << r.err;
     EXPECT_EQ(lines(r.err), 2u) << r.err;
     EXPECT_FALSE(has(r.out, "modified")) << r.out;

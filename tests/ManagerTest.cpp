@@ -385,6 +385,59 @@ TEST_F(ManagerTest, OutsideChangesFoldedInAndRereadsVoidKeys) {
     EXPECT_EQ(find(FilterProfileParams()).size(), 3u);
 }
 
+// Another client's changes that the modem made before it served an add,
+// but that reach the library only while the add is on its way, describe
+// the profile that held the index before: the library's own new profile at
+// that index keeps its key, its echoes and its place, and goes with its
+// last key.
+TEST_F(ManagerTest, ChangesFromBeforeAnAddNeverTouchTheProfileItCreated) {
+    const auto foreign =
+            xalsim::make3gppSettings("x", "foreign", WDS_PDP_TYPE_PDP_IPV4_V01, 0, true);
+    const struct {
+        const char* what;
+        bool cachedBefore;  // the index's old profile was in the cache before the add
+        std::function<void()> meanwhile;
+    } cases[] = {
+            {"its delete", true, [] { sim().externalDelete(WDS_PROFILE_TYPE_3GPP_V01, 3); }},
+            {"its whole life", false,
+             [&] {
+                 ASSERT_EQ(sim().externalCreate(WDS_PROFILE_TYPE_3GPP_V01, foreign), 3);
+                 sim().externalDelete(WDS_PROFILE_TYPE_3GPP_V01, 3);
+             }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        startAfresh();
+        if (c.cachedBefore) {
+            ASSERT_EQ(sim().externalCreate(WDS_PROFILE_TYPE_3GPP_V01, foreign), 3);
+            settle();
+            ASSERT_TRUE(findOne(3));
+        }
+        sim().holdNextRequest(XAL_WDS_CREATE_PROFILE_REQ_V01);
+        auto adding = std::async(std::launch::async,
+                                 [] { return manager().addProfile(temporaryProfile("mine")); });
+        ASSERT_TRUE(sim().waitUntilHeld());
+        c.meanwhile();
+        // Delivered to the library, which is busy with its add.
+        ASSERT_TRUE(sim().waitForCallbacks());
+        sim().releaseRequests();
+        auto key = adding.get();
+        ASSERT_TRUE(key);
+        ASSERT_EQ(key->getProfileId(), 3);
+        settle();
+
+        const auto seen = manager().getProfile(key);
+        ASSERT_TRUE(seen) << "the add's own key no longer names its profile";
+        EXPECT_EQ(seen->getApnName(), "mine");
+        EXPECT_EQ(find(FilterProfileParams()).size(), 3u);
+        EXPECT_TRUE(pendingLines().empty()) << "the add's echoes were taken for others'";
+        EXPECT_EQ(log->countContaining(LogLevel::Info, "3GPP:3 Delete predates profile"), 1u);
+        key.reset();
+        settle();
+        EXPECT_EQ(sim().profiles().size(), 2u) << "the temporary profile was left behind";
+    }
+}
+
 TEST_F(ManagerTest, RefreshBracketRefusesEveryOtherRequest) {
     auto key = findOne(1);
     ASSERT_TRUE(key);

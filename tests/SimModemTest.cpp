@@ -54,9 +54,9 @@ TEST(ModemCoreTest, ServeUnstoredChangeUndoneBadRequestsAndFullTableRefused) {
     ASSERT_EQ(serve(0x03, reg, registered), XAL_NO_ERR);
 
     bool full = false;
-    modem.setCommitHook([&](const xalsim::Table&, std::string* error) {
-        if (full) *error = "cannot write x: No space left on device";
-        return !full;
+    modem.setCommitHook([&](const xalsim::Table&) -> android::base::Result<void> {
+        if (full) return android::base::Error(ENOSPC) << "cannot write x";
+        return {};
     });
     wds_create_profile_req_msg_v01 create{};
     create.profile_type = WDS_PROFILE_TYPE_3GPP_V01;
@@ -69,11 +69,14 @@ TEST(ModemCoreTest, ServeUnstoredChangeUndoneBadRequestsAndFullTableRefused) {
     full = true;
     ASSERT_EQ(serve(0x27, create, created), XAL_NO_ERR);
     EXPECT_EQ(created.resp.error, xalsim::kErrStorage);
+    EXPECT_EQ(created.extended_error_code_valid, 1);
+    EXPECT_EQ(created.extended_error_code, static_cast<uint32_t>(ENOSPC));
     wds_delete_profile_req_msg_v01 remove{};
     remove.profile = {WDS_PROFILE_TYPE_3GPP_V01, 1};
     wds_delete_profile_resp_msg_v01 removed{};
     ASSERT_EQ(serve(0x29, remove, removed), XAL_NO_ERR);
     EXPECT_EQ(removed.resp.error, xalsim::kErrStorage);
+    EXPECT_EQ(removed.extended_error_code, static_cast<uint32_t>(ENOSPC));
     EXPECT_EQ(modem.profiles().size(), 1u);
     EXPECT_EQ(events.size(), 2u);
     EXPECT_EQ(modem.counters().failedCommits, 2u);

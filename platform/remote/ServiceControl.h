@@ -14,6 +14,9 @@
 //   indicate {kind: "subscription-change" | "profile-ready"}
 //   indicate {kind: "changed", type, index, event}   any profile-changed record
 //   indicate {kind: "raw", msgId, bytes: [...]}      any bytes as an indication
+//   externalDelete {type, index}   a profile deleted by another party
+//   hold {on}                      nothing goes out to the modem's clients until
+//                                  hold {on: false}; then all of it, in order
 //   requestCount {msgId}           requests of a kind received
 //   waitRequests {msgId, count, timeoutMs}   answers once that many arrived
 #pragma once
@@ -32,14 +35,19 @@ class ServiceControl {
     // Connects as this process's clients connect (XalRemote.h).
     static android::base::Result<ServiceControl> connect();
 
-    // The service's answer to one command; an error when it gave none or
-    // refused ("ok": false, with its reason).
+    // The service's answer to one command; an error when it gave none (the
+    // error's code is then the system's reason) or refused ("ok": false,
+    // with its reason; code 0). A connection the service
+    // closed (it stopped and started again) is made anew first; a command
+    // is sent at most once.
     android::base::Result<nlohmann::json> call(
             const nlohmann::json& command,
             std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
   private:
     explicit ServiceControl(android::base::unique_fd fd) : mFd(std::move(fd)) {}
+    bool closedByService() const;
+    android::base::Result<void> reconnect();
 
     android::base::unique_fd mFd;
     uint32_t mSeq = 0;

@@ -61,6 +61,15 @@ struct Awaited {
     std::vector<uint8_t> body;
 };
 
+// An answer read from the service, handed to its caller in turn with the
+// callbacks read before and after it.
+struct Answer {
+    uint32_t seq;
+    bool response;  // else a pong
+    xal_client_error_type result;
+    std::vector<uint8_t> body;
+};
+
 }  // namespace
 
 struct xal_client_struct {
@@ -159,8 +168,11 @@ class Transport {
         return *sInstance;
     }
 
+    // A service named anew is another service: no client of this process
+    // is returning to it.
     void setPath(const std::string& path) {
         kiv::MutexLock guard(mLock);
+        if (path != mPath) mServiceLost = false;
         mPath = path;
     }
     std::string path() {
@@ -169,6 +181,7 @@ class Transport {
     }
     void setConnector(xalremote::Connector connect) {
         kiv::MutexLock guard(mLock);
+        mServiceLost = false;
         mConnector = std::move(connect);
     }
 
@@ -276,7 +289,8 @@ class Transport {
         // A service already lost is reported at once, as it would have been.
         if (cb != nullptr && client->lost && !client->lostReported) {
             client->lostReported = true;
-            mDeferred.push_back({client, {EventKind::kError, XAL_SERVICE_ERR, 0, {}}});
+            mDeferred.push_back(
+                    {client, {EventKind::kError, XAL_SERVICE_ERR, 0, {}}, std::nullopt});
             wakeLocked();
         }
         return XAL_NO_ERR;
@@ -289,11 +303,21 @@ class Transport {
         Awaited answer;
         uint32_t seq;
         kiv::MutexLock guard(mLock);
-        if (!isLiveLocked(client) || client->notifier) return XAL_CLIENT_INVALID_CLNT;
-        if (client->lost || !client->connected) return XAL_SERVICE_ERR;
-        if (mRehearsing && msgId == XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 &&
-            requestLength == sizeof(wds_modify_profile_settings_req_msg_v01)) {
-            return rehearseLocked(client, request, response, responseLength);
+        std::optional<xal_client_error_type> early;
+        if (!isLiveLocked(client) || client->notifier) {
+            early = XAL_CLIENT_INVALID_CLNT;
+        } else if (client->lost || !client->connected) {
+            early = XAL_SERVICE_ERR;  // not sent: the service is away
+        } else if (mRehearsing && msgId == XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 &&
+                   requestLength == sizeof(wds_modify_profile_settings_req_msg_v01)) {
+            early = rehearseLocked(client, request, response, responseLength);
+        }
+        if (early) {
+            guard.unlock();
+            const bool answered = *early == XAL_NO_ERR;
+            observe({client, msgId, *early, answered, answered ? response : nullptr,
+                     answered ? responseLength : 0});
+            return *early;
         }
         seq = ++client->nextSeq;
         client->awaited[seq] = &answer;
@@ -318,18 +342,9 @@ class Transport {
         if (sent == XAL_NO_ERR && !onEventThread) {
             guard.waitUntil(mChanged, deadline, [&] { return answer.done; });
         }
-        client->awaited.erase(seq);
-        if (sent != XAL_NO_ERR || !answer.done || answer.result != XAL_NO_ERR) ++mFailed;
-        if (sent != XAL_NO_ERR) return sent;
-        if (!answer.done) return XAL_TIMEOUT_ERR;
-        if (answer.result == XAL_NO_ERR) {
-            ++mAnswered[msgId];
-            // The response record starts with its result: non-zero, refused.
-            uint32_t result = 0;
-            if (answer.body.size() >= sizeof(result)) {
-                memcpy(&result, answer.body.data(), sizeof(result));
-            }
-            if (result != 0) ++mFailed;
+        xal_client_error_type result = sent;
+        if (sent == XAL_NO_ERR) result = answer.done ? answer.result : XAL_TIMEOUT_ERR;
+        if (result == XAL_NO_ERR) {
             memset(response, 0, responseLength);
             memcpy(response, answer.body.data(),
                    std::min<size_t>(answer.body.size(), responseLength));
@@ -338,7 +353,26 @@ class Transport {
                 mChanged.notify_all();
             }
         }
-        return answer.result;
+        // Told while the event thread still holds back what arrived after
+        // the answer: the observer sees the request complete in its turn.
+        guard.unlock();
+        observe({client, msgId, result, sent == XAL_NO_ERR,
+                 result == XAL_NO_ERR ? response : nullptr,
+                 result == XAL_NO_ERR ? responseLength : 0});
+        guard.lock();
+        client->awaited.erase(seq);
+        mChanged.notify_all();
+        return result;
+    }
+
+    // Tells the observer, if any, of a request's outcome. Not with the lock held.
+    void observe(const xalremote::RequestOutcome& outcome) EXCLUDES(mLock) {
+        xalremote::RequestObserver observer;
+        {
+            kiv::MutexLock guard(mLock);
+            observer = mObserver;
+        }
+        if (observer) observer(outcome);
     }
 
     xal_client_error_type release(xal_client_type client) {
@@ -381,15 +415,9 @@ class Transport {
         mRehearsing = on;
     }
 
-    size_t failed() {
+    void setObserver(xalremote::RequestObserver observer) {
         kiv::MutexLock guard(mLock);
-        return mFailed;
-    }
-
-    size_t answered(unsigned int msgId) {
-        kiv::MutexLock guard(mLock);
-        auto it = mAnswered.find(msgId);
-        return it == mAnswered.end() ? 0 : it->second;
+        mObserver = std::move(observer);
     }
 
     bool waitForRegistered(size_t count, std::chrono::milliseconds timeout) {
@@ -438,10 +466,11 @@ class Transport {
     }
 
   private:
-    // A callback owed to a client.
+    // A callback owed to a client, or an answer owed to a caller.
     struct Deferred {
         xal_client_type client;
         Callback event;
+        std::optional<Answer> answer;
     };
 
     Transport()
@@ -478,14 +507,14 @@ class Transport {
         wds_modify_profile_settings_req_msg_v01 modify;
         memcpy(&modify, request, sizeof(modify));
         memset(response, 0, responseLength);
-        ++mAnswered[XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01];
         wds_profile_changed_ind_type_v01 echo{};
         echo.profile_type = modify.profile.profile_type;
         echo.profile_index = modify.profile.profile_index;
         echo.profile_change_evt = WDS_PROFILE_EVENT_MODIFY_V01;
         mDeferred.push_back({client,
                              {EventKind::kIndication, 0, XAL_WDS_PROFILE_CHANGED_IND_V01,
-                              xalsim::encodeProfileChanged(&echo)}});
+                              xalsim::encodeProfileChanged(&echo)},
+                             std::nullopt});
         wakeLocked();
         return XAL_NO_ERR;
     }
@@ -530,8 +559,9 @@ class Transport {
         if (client->notifier) {
             if (client->serviceUp) {
                 client->serviceUp = false;
-                mDeferred.push_back(
-                        {client, {EventKind::kNotify, XAL_CLIENT_SERVICE_COUNT_DEC, 0, {}}});
+                mDeferred.push_back({client,
+                                     {EventKind::kNotify, XAL_CLIENT_SERVICE_COUNT_DEC, 0, {}},
+                                     std::nullopt});
             }
             client->retryAt = Clock::now() + kReconnectInterval;
         } else {
@@ -546,23 +576,28 @@ class Transport {
         mServiceLost = true;
         if (client->errorCb != nullptr && !client->lostReported) {
             client->lostReported = true;
-            mDeferred.push_back({client, {EventKind::kError, XAL_SERVICE_ERR, 0, {}}});
+            mDeferred.push_back(
+                    {client, {EventKind::kError, XAL_SERVICE_ERR, 0, {}}, std::nullopt});
         }
     }
 
-    // One message from the service, read by the event thread (or inline).
-    void takeLocked(xal_client_type client, Message message) REQUIRES(mLock) {
+    // One message from the service, read by the event thread or, for a
+    // callback waiting for its own answer, inline.
+    void takeLocked(xal_client_type client, Message message, bool readInline) REQUIRES(mLock) {
         switch (message.type) {
             case MessageType::kResponse:
             case MessageType::kPong: {
-                auto it = client->awaited.find(message.seq);
-                if (it == client->awaited.end()) return;  // its caller stopped waiting
-                it->second->done = true;
-                it->second->result = message.type == MessageType::kResponse
-                                             ? static_cast<xal_client_error_type>(message.words[0])
-                                             : XAL_NO_ERR;
-                it->second->body = std::move(message.body);
-                mChanged.notify_all();
+                const bool response = message.type == MessageType::kResponse;
+                Answer answer{message.seq, response,
+                              response ? static_cast<xal_client_error_type>(message.words[0])
+                                       : XAL_NO_ERR,
+                              std::move(message.body)};
+                if (readInline) {
+                    answerLocked(client, std::move(answer));
+                } else {
+                    // In turn: after the callbacks read before it.
+                    mDeferred.push_back({client, {}, std::move(answer)});
+                }
                 return;
             }
             case MessageType::kEvent: {
@@ -577,8 +612,9 @@ class Transport {
                 } else if (kind != EventKind::kIndication || client->notifier) {
                     return;
                 }
-                mDeferred.push_back(
-                        {client, {kind, code, message.words[2], std::move(message.body)}});
+                mDeferred.push_back({client,
+                                     {kind, code, message.words[2], std::move(message.body)},
+                                     std::nullopt});
                 return;
             }
             default:
@@ -598,7 +634,7 @@ class Transport {
             }
             if (!message) return;
             const bool answer = message->type == MessageType::kResponse && message->seq == seq;
-            takeLocked(client, std::move(*message));
+            takeLocked(client, std::move(*message), /*readInline=*/true);
             if (answer) return;
         }
     }
@@ -625,12 +661,38 @@ class Transport {
         }
     }
 
-    // Runs the callbacks owed, in order, none while the lock is held.
+    // Hands an answer to its caller, if it still waits.
+    bool answerLocked(xal_client_type client, Answer answer) REQUIRES(mLock) {
+        auto it = client->awaited.find(answer.seq);
+        if (it == client->awaited.end()) return false;  // its caller stopped waiting
+        it->second->done = true;
+        it->second->result = answer.result;
+        it->second->body = std::move(answer.body);
+        mChanged.notify_all();
+        return true;
+    }
+
+    // Runs the callbacks owed and hands out the answers owed, in the order
+    // they arrived; no callback while the lock is held. A caller given its
+    // response has returned before the callbacks read after it run, so that
+    // what arrived before an answer is seen before it, and what arrived
+    // after it, after it.
     void runDeferred() REQUIRES(mLock) {
         while (!mDeferred.empty()) {
             Deferred next = std::move(mDeferred.front());
             mDeferred.pop_front();
             if (next.client->released) continue;
+            if (next.answer) {
+                const uint32_t seq = next.answer->seq;
+                const bool response = next.answer->response;
+                if (answerLocked(next.client, std::move(*next.answer)) && response) {
+                    xal_client_type client = next.client;
+                    mLock.wait(mChanged, [&]() REQUIRES(mLock) {
+                        return client->released || client->awaited.count(seq) == 0;
+                    });
+                }
+                continue;
+            }
             mBusy = next.client;
             mLock.unlock();
             deliver(next.client, next.event);
@@ -724,7 +786,9 @@ class Transport {
                 mBusy = nullptr;
                 mChanged.notify_all();
                 if (client->released) continue;
-                for (auto& message : messages) takeLocked(client, std::move(message));
+                for (auto& message : messages) {
+                    takeLocked(client, std::move(message), /*readInline=*/false);
+                }
                 if (closed && client->connected) lostLocked(client);
                 runDeferred();
             }
@@ -738,8 +802,7 @@ class Transport {
     std::map<xal_client_type, std::unique_ptr<xal_client_struct>> mHandles GUARDED_BY(mLock);
     std::vector<std::unique_ptr<xal_client_struct>> mReleased GUARDED_BY(mLock);
     std::deque<Deferred> mDeferred GUARDED_BY(mLock);
-    std::map<unsigned int, size_t> mAnswered GUARDED_BY(mLock);
-    size_t mFailed GUARDED_BY(mLock) = 0;
+    xalremote::RequestObserver mObserver GUARDED_BY(mLock);
     bool mRehearsing GUARDED_BY(mLock) = false;
     // The handle whose connection or callback the event thread is busy with.
     xal_client_type mBusy GUARDED_BY(mLock);
@@ -783,12 +846,8 @@ void setRehearsal(bool on) {
     Transport::instance().setRehearsal(on);
 }
 
-size_t failedRequests() {
-    return Transport::instance().failed();
-}
-
-size_t answeredRequests(unsigned int msgId) {
-    return Transport::instance().answered(msgId);
+void setRequestObserver(RequestObserver observer) {
+    Transport::instance().setObserver(std::move(observer));
 }
 
 bool sync(std::chrono::milliseconds timeout) {
@@ -854,11 +913,18 @@ xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsi
                                                void* resp_c_struct, unsigned int resp_c_struct_len,
                                                unsigned int timeout_msecs) {
     Transport& transport = Transport::instance();
-    if (!transport.isLive(user_handle)) return XAL_CLIENT_INVALID_CLNT;
-    if ((req_c_struct == nullptr && req_c_struct_len != 0) || resp_c_struct == nullptr ||
-        resp_c_struct_len < sizeof(xal_response_type_v01) ||
-        req_c_struct_len > xalremote::kMaxMessage - xalremote::kHeaderSize - 12) {
-        return XAL_CLIENT_PARAM_ERR;
+    xal_client_error_type refused = XAL_NO_ERR;
+    if (!transport.isLive(user_handle)) {
+        refused = XAL_CLIENT_INVALID_CLNT;
+    } else if ((req_c_struct == nullptr && req_c_struct_len != 0) || resp_c_struct == nullptr ||
+               resp_c_struct_len < sizeof(xal_response_type_v01) ||
+               req_c_struct_len > xalremote::kMaxMessage - xalremote::kHeaderSize - 12) {
+        refused = XAL_CLIENT_PARAM_ERR;
+    }
+    if (refused != XAL_NO_ERR) {
+        // Never sent; its caller learns so, and so does the observer.
+        transport.observe({user_handle, msg_id, refused, false, nullptr, 0});
+        return refused;
     }
     return transport.sendSync(user_handle, msg_id, req_c_struct, req_c_struct_len, resp_c_struct,
                               resp_c_struct_len, timeout_msecs);

@@ -4,10 +4,15 @@
 //
 // Each client or notifier made through the interface is one connection,
 // one client of the service. Callbacks run on this library's own event
-// thread, in the order the service sent them. A service that goes away is a
-// modem that went down (error callbacks, notifiers told
-// XAL_CLIENT_SERVICE_COUNT_DEC); notifiers keep trying to reconnect and are
-// told XAL_CLIENT_SERVICE_COUNT_INC once it is back.
+// thread, in the order the service sent them, and in order with the answers
+// to requests: an indication that arrived before an answer has been
+// delivered before xal_client_send_msg_sync returns that answer, and one
+// that arrived after it is delivered only once that call has returned (for
+// a request made from within a callback, the callbacks wait until it is
+// done). A service that goes away is a modem that went down (error
+// callbacks, notifiers told XAL_CLIENT_SERVICE_COUNT_DEC); notifiers keep
+// trying to reconnect and are told XAL_CLIENT_SERVICE_COUNT_INC once it is
+// back.
 //
 // What follows is for programs and tests that set up or watch this
 // process's clients; the C interface needs none of it.
@@ -19,10 +24,13 @@
 #include <functional>
 #include <string>
 
+#include "xal/xal_client.h"
+
 namespace xalremote {
 
 // Where this process's clients reach the service. The default is the
-// socket named by the environment variable KIVR_MODEM.
+// socket named by the environment variable KIVR_MODEM. Another service than
+// before is a new one: no client of this process returns to it after a loss.
 void setSocketPath(const std::string& path);
 std::string socketPath();
 
@@ -42,16 +50,30 @@ size_t registeredClients();
 // Waits until at least `count` clients are registered (true) or the time-out.
 bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout);
 
-// Requests of a kind that this process's clients have had answered by the
-// service (accepted or not).
-size_t answeredRequests(unsigned int msgId);
-// Requests of this process that failed: refused by the modem (a non-zero
-// result), not answered in time, or not delivered.
-size_t failedRequests();
+// What became of one request of this process: its client (as given, maybe
+// null or released), its message id, the result of xal_client_send_msg_sync
+// (XAL_NO_ERR: the modem answered; a request refused by the client itself,
+// on a bad handle or a service that is away, was never sent), and the
+// modem's response record when it answered.
+struct RequestOutcome {
+    xal_client_type client;
+    unsigned int msgId;
+    xal_client_error_type result;
+    // It left this process: a request sent and not answered may have been
+    // carried out.
+    bool sent;
+    const void* response;  // null unless result is XAL_NO_ERR
+    unsigned int responseLength;
+};
+// Called once for every xal_client_send_msg_sync of this process, on the
+// calling thread, just before the call returns (and before any indication
+// that arrived after its answer is delivered). Null: none.
+using RequestObserver = std::function<void(const RequestOutcome& outcome)>;
+void setRequestObserver(RequestObserver observer);
 
 // A rehearsal: while it is on, this process's modify requests do not reach
-// the service. Each is answered here as the modem accepts one (and counted
-// by answeredRequests), followed by its Modify indication; the caller's
+// the service. Each is answered here as the modem accepts one (and told to
+// the observer), followed by its Modify indication; the caller's
 // view of the table is then the rehearsed one until it rereads it (kivctl
 // apply-apns --dry-run).
 void setRehearsal(bool on);

@@ -193,12 +193,27 @@ bool ModemCore::commitLocked(const std::function<void()>& change, bool keepOnFai
     change();
     touchLocked();
     if (sameTable(before, mTable)) return true;
-    std::string why;
-    if (mCommit(mTable, &why)) return true;
+    const auto stored = mCommit(mTable);
+    if (stored.ok()) return true;
     ++mCounters.failedCommits;
-    mLastCommitError = why.empty() ? "the table could not be stored" : why;
+    mLastCommitError = stored.error().message().empty() ? "the table could not be stored"
+                                                        : stored.error().message();
+    mLastCommitErrno = stored.error().code();
     if (!keepOnFailure) mTable = std::move(before);
     return false;
+}
+
+template <typename Response>
+xal_client_error_type ModemCore::storageFailureLocked(void* response) {
+    auto* out = static_cast<Response*>(response);
+    out->resp.result = 1;
+    out->resp.error = kErrStorage;
+    if (mLastCommitErrno > 0) {
+        out->extended_error_code_valid = 1;
+        out->extended_error_code = static_cast<uint32_t>(mLastCommitErrno);
+    }
+    ++mCounters.failedRequests;
+    return XAL_NO_ERR;
 }
 
 int ModemCore::lowestFreeIndexLocked(int32_t type) const {
@@ -372,8 +387,9 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
             settings.persistent_valid = 1;
             settings.persistent = r.persistent_valid ? (r.persistent ? 1 : 0) : 1;
             const uint8_t slot = static_cast<uint8_t>(index);
-            if (!commitLocked([&]() REQUIRES(mLock) { mTable[{type, slot}] = settings; }))
-                return fail(kErrStorage);
+            if (!commitLocked([&]() REQUIRES(mLock) { mTable[{type, slot}] = settings; })) {
+                return storageFailureLocked<wds_create_profile_resp_msg_v01>(response);
+            }
             auto* out = static_cast<wds_create_profile_resp_msg_v01*>(response);
             out->profile.profile_type = static_cast<wds_profile_type_enum_v01>(type);
             out->profile.profile_index = slot;
@@ -385,8 +401,9 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
             const auto r = readRecord<wds_modify_profile_settings_req_msg_v01>(request);
             auto it = mTable.find({r.profile.profile_type, r.profile.profile_index});
             if (it == mTable.end()) return fail(kErrInvalidProfile);
-            if (!commitLocked([&]() REQUIRES(mLock) { kiv::copyValidFields(it->second, r); }))
-                return fail(kErrStorage);
+            if (!commitLocked([&]() REQUIRES(mLock) { kiv::copyValidFields(it->second, r); })) {
+                return storageFailureLocked<wds_modify_profile_settings_resp_msg_v01>(response);
+            }
             broadcastProfileChangedLocked(r.profile.profile_type, r.profile.profile_index,
                                           WDS_PROFILE_EVENT_MODIFY_V01);
             return XAL_NO_ERR;
@@ -395,8 +412,9 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
             const auto r = readRecord<wds_delete_profile_req_msg_v01>(request);
             const Slot slot{r.profile.profile_type, r.profile.profile_index};
             if (mTable.count(slot) == 0) return fail(kErrInvalidProfile);
-            if (!commitLocked([&]() REQUIRES(mLock) { mTable.erase(slot); }))
-                return fail(kErrStorage);
+            if (!commitLocked([&]() REQUIRES(mLock) { mTable.erase(slot); })) {
+                return storageFailureLocked<wds_delete_profile_resp_msg_v01>(response);
+            }
             broadcastProfileChangedLocked(slot.first, slot.second, WDS_PROFILE_EVENT_DELETE_V01);
             return XAL_NO_ERR;
         }
@@ -445,6 +463,7 @@ void ModemCore::reset(const Config& config) {
     mCounters = Counters();
     clearFaultsLocked();
     mLastCommitError.clear();
+    mLastCommitErrno = 0;
     mServiceUp = true;
     touchLocked();
 }

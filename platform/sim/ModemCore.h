@@ -8,6 +8,8 @@
 // event sink, called with the modem's lock held and in the order they arise.
 #pragma once
 
+#include <android-base/result.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -43,7 +45,10 @@ enum SimError : uint32_t {
     kErrNoFreeProfile = 0x02,
     kErrInvalidProfile = 0x03,
     kErrInvalidProfileType = 0x04,
-    kErrStorage = 0x05,  // the change could not be stored; nothing changed
+    // The change could not be stored; nothing changed. A create, modify or
+    // delete response refused so carries the system's error number of the
+    // failed save (errno) as its extended error code, when there is one.
+    kErrStorage = 0x05,
     kErrInjected = 0xFF,
 };
 
@@ -129,9 +134,10 @@ class ModemCore {
     // Hands one event to a client, to be delivered at `due`. Called with the
     // modem's lock held: it must only queue.
     using EventSink = std::function<void(ClientId client, Event event, Clock::time_point due)>;
-    // Stores the table after a change, or says why it cannot. A change that
-    // is not stored is undone. Called with the modem's lock held.
-    using CommitHook = std::function<bool(const Table& table, std::string* error)>;
+    // Stores the table after a change, or says why it cannot (with the
+    // system's error number, when there is one). A change that is not stored
+    // is undone. Called with the modem's lock held.
+    using CommitHook = std::function<android::base::Result<void>(const Table& table)>;
 
     explicit ModemCore(EventSink sink);
     ModemCore(const ModemCore&) = delete;
@@ -268,6 +274,9 @@ class ModemCore {
     // the change is undone (unless `keepOnFailure`) and false returned.
     bool commitLocked(const std::function<void()>& change, bool keepOnFailure = false)
             REQUIRES(mLock);
+    // Fills a failure response for a change that could not be stored.
+    template <typename Response>
+    xal_client_error_type storageFailureLocked(void* response) REQUIRES(mLock);
     bool fitsLocked(const Table& table, std::string* error) const REQUIRES(mLock);
     void clearFaultsLocked() REQUIRES(mLock);
     int lowestFreeIndexLocked(int32_t type) const REQUIRES(mLock);
@@ -291,6 +300,7 @@ class ModemCore {
     Config mConfig GUARDED_BY(mLock);
     CommitHook mCommit GUARDED_BY(mLock);
     std::string mLastCommitError GUARDED_BY(mLock);
+    int mLastCommitErrno GUARDED_BY(mLock) = 0;
     bool mServiceUp GUARDED_BY(mLock) = true;
     bool mServiceLoss GUARDED_BY(mLock) = false;
     Table mTable GUARDED_BY(mLock);

@@ -38,6 +38,15 @@ class CAPABILITY("mutex") Mutex {
     void lock() ACQUIRE() { mMutex.lock(); }
     void unlock() RELEASE() { mMutex.unlock(); }
 
+    // Waits on a condition while this mutex is held by whichever lock took
+    // it; it is held again on return.
+    template <typename Predicate>
+    void wait(std::condition_variable& condition, Predicate predicate) REQUIRES(this) {
+        std::unique_lock<std::mutex> held(mMutex, std::adopt_lock);
+        condition.wait(held, predicate);
+        held.release();
+    }
+
   private:
     friend class MutexLock;
     std::mutex mMutex;

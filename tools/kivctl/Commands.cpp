@@ -311,39 +311,27 @@ int Commands::execute(const Command& command, const Arguments& args) {
     }
     if (mInShell && !command.inShell) throw UsageError("already in the shell");
     mCommand = command.name;
-    // Counted from before the library's start: a table that could not be
-    // read makes the command fail too.
-    mFailedAtStart = xalremote::failedRequests();
-    if (command.needsLibrary) mSession.startLibrary();
+    if (command.needsLibrary) {
+        // A table that could not be read fails the command too.
+        mSession.startLibrary();
+        mSession.catchUp();
+    }
+    // Whatever the command asked of the modem is judged, also when it failed
+    // for another reason: what the modem refused is said.
     int status;
     try {
         status = (this->*command.run)(args);
-        // The shell's lines have each answered for themselves.
-        if (command.run != &Commands::shell) requireAnswered();
     } catch (const Refused&) {
-        mSession.checkSaved();
+        if (command.run != &Commands::shell) mSession.requireDone(mCommand);
         throw;
     }
-    mSession.checkSaved();
+    // The shell's lines have each answered for themselves.
+    if (command.run != &Commands::shell) mSession.requireDone(mCommand);
     return status;
 }
 
 void Commands::requireAnswered() {
-    const size_t failed = xalremote::failedRequests() - mFailedAtStart;
-    if (failed == 0) return;
-    mFailedAtStart += failed;  // said once
-    std::string why = "the modem refused or did not answer " + plural(failed, "request");
-    const auto status = mSession.status();
-    std::map<std::string, int> held;
-    for (const auto& profile : mSession.modemProfiles()) ++held[profile.value("type", "")];
-    for (const char* tech : {"3gpp", "3gpp2"}) {
-        const int room = status.value(std::string("capacity") + tech, 0);
-        if (room > 0 && held[tech] >= room) {
-            why += " (its " + std::string(tech) + " table is full: " + std::to_string(room) +
-                   " profiles)";
-        }
-    }
-    throw Refused(mCommand + ": " + why + "; not everything was done (kivctl --log tells more)");
+    mSession.requireDone(mCommand);
 }
 
 std::shared_ptr<kiv::IProfileKey> Commands::resolve(const std::string& word,
@@ -371,7 +359,17 @@ int Commands::report(const std::string& action, const std::shared_ptr<kiv::IProf
     requireAnswered();
     if (!key) throw Refused(mCommand + ": the library refused (kivctl --log tells more)");
     const int number = mInShell ? mSession.keep(key) : 0;
-    const ProfileView v = mSession.view(key, mSession.modemProfiles(), number);
+    // What the modem adds to the library's view is for JSON only; the change
+    // is done whether or not the service can still say it (it may just have
+    // gone away).
+    nlohmann::json table = nlohmann::json::array();
+    if (mGlobals.json) {
+        try {
+            table = mSession.modemProfiles();
+        } catch (const Refused&) {
+        }
+    }
+    const ProfileView v = mSession.view(key, table, number);
     if (mGlobals.json) {
         printJson(mOut, {{"action", action}, {"profile", profileJson(v)}});
     } else {
@@ -583,16 +581,17 @@ int Commands::applyApns(const Arguments& args) {
     for (const auto& entry : read.entries) records.push_back(entry.params);
 
     const auto before = typesOfEveryProfile(manager());
-    const size_t answered = xalremote::answeredRequests(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01);
+    auto& ledger = mSession.ledger();
+    const size_t accepted = ledger.accepted(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01);
     if (dryRun) xalremote::setRehearsal(true);
     mSession.util().updateAPNTypeBitmaskOnModemProfile(records);
-    const size_t updates =
-            xalremote::answeredRequests(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01) - answered;
+    const size_t updates = ledger.accepted(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01) - accepted;
     auto after = typesOfEveryProfile(manager());
     if (dryRun) {
         xalremote::setRehearsal(false);
         // The library took the rehearsed changes for done: it reads the table again.
         mSession.settle();
+        const auto reading = ledger.reading();
         manager().refresh(kiv::PDC_REFRESH_COMPLETED);
     }
 
@@ -665,19 +664,20 @@ int Commands::watch(const Arguments& args) {
                 "watch needs the modem service: start kivmodemd and name its socket "
                 "with --modem PATH or KIVR_MODEM");
     }
-    ChangeWatcher watcher(std::chrono::milliseconds(mGlobals.timeoutMs));
+    ChangeWatcher watcher(std::chrono::milliseconds(mGlobals.timeoutMs), mSession.ledger());
     mErr << "kivctl: watching the modem at " << xalremote::socketPath() << "\n";
     mErr.flush();
-    for (int seen = 0; limit == 0 || seen < limit; ++seen) {
-        auto indication = watcher.next();
-        if (!indication) throw Refused("the modem service went away");
-        const auto change = watcher.describe(*indication);
+    // The service going away and coming back is said, and not counted.
+    for (int seen = 0; limit == 0 || seen < limit;) {
+        const auto next = watcher.next();
+        const auto change = watcher.describe(next);
         if (mGlobals.json) {
             printJson(mOut, change);
         } else {
             mOut << changeLine(change) << "\n";
         }
         mOut.flush();
+        if (next.kind == ChangeWatcher::Change::kIndication) ++seen;
     }
     return kOk;
 }
@@ -712,6 +712,8 @@ int Commands::reclaim(const Arguments& args) {
 
 void Commands::resyncLibrary() {
     if (!mSession.libraryStarted()) return;
+    // The reread the modem asks for is this command's.
+    const auto reading = mSession.ledger().reading();
     xalremote::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
     mSession.waitForLibrary();
     mSession.settle();

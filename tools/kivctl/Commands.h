@@ -82,8 +82,8 @@ class Commands {
     std::shared_ptr<kiv::IProfileKey> resolve(const std::string& word,
                                               std::optional<kiv::TechType> tech);
     int report(const std::string& action, const std::shared_ptr<kiv::IProfileKey>& key);
-    // A request of the library the modem refused or did not answer since
-    // the command began fails the command (before it reports success).
+    // A request of the command's own that the modem refused, did not answer
+    // or never got fails the command (before it reports success).
     void requireAnswered();
     int printViews(std::vector<ProfileView> views);
     // After the modem came back or changed wholesale, the library catches up.
@@ -96,7 +96,6 @@ class Commands {
     std::ostream& mErr;
     const bool mInShell;
     std::string mCommand;
-    size_t mFailedAtStart = 0;
 };
 
 }  // namespace kivctl

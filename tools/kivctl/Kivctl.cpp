@@ -141,7 +141,7 @@ int run(const std::vector<std::string>& words, std::istream& in, std::ostream& o
         Session session(globals);
         Commands commands(session, in, out, err, /*inShell=*/false);
         const int status = commands.execute(*command, args);
-        session.finish();
+        session.finish(line.command);
         return status;
     } catch (const UsageError& e) {
         err << "kivctl: " << e.what() << "\n";

@@ -6,14 +6,18 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <thread>
 
 #include "Errors.h"
+#include "ModemCore.h"
 #include "ModemServer.h"
+#include "Mutex.h"
 #include "ProfileOptions.h"
 #include "StateFile.h"
 #include "XalRemote.h"
 #include "diag_host.h"
+#include "xal/wds_v01.h"
 
 namespace kivctl {
 
@@ -89,10 +93,13 @@ class EmbeddedModem {
             if (auto saved = mState->save(table); !saved.ok())
                 throw Refused(saved.error().message());
         }
-        modem.setCommitHook([this](const xalsim::Table& changed, std::string* error) {
+        modem.setCommitHook([this](const xalsim::Table& changed) {
             auto saved = mState->save(changed);
-            if (!saved.ok()) *error = saved.error().message();
-            return saved.ok();
+            if (!saved.ok()) {
+                kiv::MutexLock guard(mLock);
+                mLastSaveError = saved.error().message();
+            }
+            return saved;
         });
         if (globals.noService) modem.setServiceUp(false);
         mThread = std::thread([this] { mServer->run(); });
@@ -113,7 +120,15 @@ class EmbeddedModem {
         mThread.join();
     }
 
+    // Why the last change could not be stored, in full; empty when none failed.
+    std::string lastSaveError() {
+        kiv::MutexLock guard(mLock);
+        return mLastSaveError;
+    }
+
   private:
+    kiv::Mutex mLock;
+    std::string mLastSaveError GUARDED_BY(mLock);
     std::optional<xalsim::StateFile> mState;
     std::unique_ptr<kivmodemd::ModemServer> mServer;
     std::thread mThread;
@@ -135,7 +150,6 @@ Session::Session(const Globals& globals)
     auto control = xalremote::ServiceControl::connect();
     if (!control.ok()) throw Refused(control.error().message() + " (is kivmodemd running?)");
     mControl.emplace(std::move(*control));
-    mFailedSaves = status().value("failedCommits", uint64_t{0});
 }
 
 Session::~Session() {
@@ -150,7 +164,11 @@ void Session::startLibrary() {
     diag_host_set_sink(mGlobals.log ? printDiag : discardDiag, nullptr);
     mManager.init(mGlobals.instance, /*adbLog=*/false);
     waitForLibrary();
-    mManager.refresh(kiv::PDC_REFRESH_COMPLETED);
+    {
+        // The table read for this command: what cannot be read fails it.
+        const auto reading = mLedger.reading();
+        mManager.refresh(kiv::PDC_REFRESH_COMPLETED);
+    }
     mLibrary = true;
 }
 
@@ -167,25 +185,112 @@ void Session::settle() {
     mManager.match(kiv::FilterProfileParams(), nullptr);
 }
 
-void Session::finish() {
+void Session::catchUp() {
+    if (!mLibrary) return;
+    // While the service is away, said at once; once it is back, the library
+    // has come back with it.
+    if (!status().value("serviceUp", true)) {
+        throw Refused("the modem's data service is down (kivctl modem up brings it back)");
+    }
+    if (xalremote::registeredClients() == 0) waitForLibrary();
+    // A reread the modem asked for on the way is done before the command.
+    const auto reading = mLedger.reading();
+    settle();
+}
+
+void Session::finish(const std::string& command) {
     mHandles.clear();
     if (mLibrary) settle();
-    checkSaved();
+    requireDone(command);
+}
+
+std::string Session::storageReason(uint32_t systemError) const {
+    if (mEmbedded) {
+        const std::string reason = mEmbedded->lastSaveError();
+        if (!reason.empty()) return reason;
+    }
+    if (systemError == 0) return "the modem service's state file could not be written";
+    return std::string(strerror(static_cast<int>(systemError))) +
+           " (the modem service's state file)";
+}
+
+std::string Session::describe(const FailedRequest& failed) const {
+    static const std::map<unsigned int, std::string> kNames = {
+            {XAL_WDS_CREATE_PROFILE_REQ_V01, "create"},
+            {XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, "modify"},
+            {XAL_WDS_DELETE_PROFILE_REQ_V01, "delete"},
+            {XAL_WDS_GET_PROFILE_LIST_REQ_V01, "list"},
+            {XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01, "get"}};
+    auto name = kNames.find(failed.msgId);
+    std::string why;
+    switch (failed.result) {
+        case XAL_NO_ERR:
+            switch (failed.error) {
+                case xalsim::kErrNoFreeProfile:
+                    why = "the modem's table is full";
+                    break;
+                case xalsim::kErrInvalidProfile:
+                    why = "no such profile";
+                    break;
+                case xalsim::kErrInjected:
+                    why = "refused, as injected";
+                    break;
+                case xalsim::kErrStorage:
+                    why = "not stored";
+                    break;
+                default:
+                    why = "refused with error " + std::to_string(failed.error);
+                    break;
+            }
+            break;
+        case XAL_TIMEOUT_ERR:
+            why = "no answer in time";
+            break;
+        case XAL_SERVICE_ERR:
+            why = failed.sent ? "the modem service went away before it answered"
+                              : "not sent: the modem's data service was away";
+            break;
+        case XAL_CLIENT_INVALID_CLNT:
+            why = "not sent: the modem's data service was away";
+            break;
+        default:
+            why = "failed on the way, error " + std::to_string(failed.result);
+            break;
+    }
+    return (name != kNames.end() ? name->second : std::to_string(failed.msgId)) + " (" + why + ")";
+}
+
+void Session::requireDone(const std::string& command) {
+    const auto failures = mLedger.takeFailures();
+    if (failures.empty()) return;
+    for (const auto& failed : failures) {
+        if (failed.result == XAL_NO_ERR && failed.error == xalsim::kErrStorage) {
+            throw Refused(command + ": the modem could not store the change: " +
+                          storageReason(failed.systemError));
+        }
+    }
+    std::string what;
+    bool certain = true;
+    for (const auto& failed : failures) {
+        what += (what.empty() ? "" : ", ") + describe(failed);
+        certain = certain && failed.certain();
+    }
+    throw Refused(command + ": the modem refused or did not answer " +
+                  std::to_string(failures.size()) +
+                  (failures.size() == 1 ? " request: " : " requests: ") + what +
+                  (certain ? "; not everything was done (kivctl --log tells more)"
+                           : "; what was not answered may have been done all the same "
+                             "(kivctl list shows the modem's table)"));
 }
 
 nlohmann::json Session::call(const nlohmann::json& command) {
     auto answer = mControl->call(command);
-    if (!answer.ok()) throw Refused("the modem refused: " + answer.error().message());
+    if (!answer.ok()) {
+        // The service's own refusal, or the way to it failing: said as it is.
+        throw Refused(answer.error().code() == 0 ? "the modem refused: " + answer.error().message()
+                                                 : answer.error().message());
+    }
     return *answer;
-}
-
-void Session::checkSaved() {
-    const auto now = status();
-    const uint64_t failed = now.value("failedCommits", uint64_t{0});
-    if (failed == mFailedSaves) return;
-    mFailedSaves = failed;
-    throw Refused("the modem could not store the change: " +
-                  now.value("commitError", std::string("unknown reason")));
 }
 
 nlohmann::json Session::modemProfiles() {

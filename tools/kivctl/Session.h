@@ -12,6 +12,7 @@
 
 #include "Manager.h"
 #include "Output.h"
+#include "RequestLedger.h"
 #include "ServiceControl.h"
 #include "Util.h"
 
@@ -52,15 +53,23 @@ class Session {
     void waitForLibrary();
     // Every indication sent so far has been handled by the library.
     void settle();
+    // Before a command of the shell: after the modem service went away and
+    // came back, the library has reconnected and reread the table; refused
+    // while the modem's data service is down or the service is away.
+    void catchUp();
     // The end of a run that went well: keys are dropped (temporary profiles
-    // leave the modem) and every change must have been stored.
-    void finish();
+    // leave the modem) and whatever that asked of the modem must be done.
+    void finish(const std::string& command);
+
+    // What the library's requests for this run came to.
+    RequestLedger& ledger() { return mLedger; }
+    // The command fails when a request of its own failed since the last
+    // check, saying which and why.
+    void requireDone(const std::string& command);
 
     // One command to the modem; its refusal is the command's.
     nlohmann::json call(const nlohmann::json& command);
     nlohmann::json status() { return call({{"op", "status"}}); }
-    // A change the modem could not store fails the command, with the reason.
-    void checkSaved();
     // The modem's profiles, each as its settings (SettingsJson.h).
     nlohmann::json modemProfiles();
 
@@ -77,10 +86,14 @@ class Session {
     const std::map<int, std::shared_ptr<kiv::IProfileKey>>& handles() const { return mHandles; }
 
   private:
+    // Why a change could not be stored, from the system's error number.
+    std::string storageReason(uint32_t systemError) const;
+    std::string describe(const FailedRequest& failed) const;
+
     Globals mGlobals;
+    RequestLedger mLedger;
     std::unique_ptr<EmbeddedModem> mEmbedded;
     std::optional<xalremote::ServiceControl> mControl;
-    uint64_t mFailedSaves = 0;
     kiv::Manager& mManager;
     bool mLibrary = false;
     kiv::Util mUtil;

@@ -91,7 +91,7 @@ int Shell::runLine(const std::vector<std::string>& words) {
         const int number = parseNumber(rest[0].substr(1), "a handle", 1, 1 << 30);
         if (!mSession.drop(number)) throw UsageError("no handle #" + std::to_string(number));
         mSession.settle();
-        mSession.checkSaved();
+        mSession.requireDone("drop");
         if (globals.json) {
             printJson(mOut, {{"dropped", "#" + std::to_string(number)}});
         } else {

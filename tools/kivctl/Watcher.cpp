@@ -7,13 +7,35 @@
 
 namespace kivctl {
 
-ChangeWatcher::ChangeWatcher(std::chrono::milliseconds timeout) : mTimeout(timeout) {
-    xal_idl_service_object_type service = wds_get_service_object_internal_v01(1, 0xF1, 6);
+ChangeWatcher::ChangeWatcher(std::chrono::milliseconds timeout, RequestLedger& ledger)
+    : mTimeout(timeout), mLedger(ledger) {
+    mService = wds_get_service_object_internal_v01(1, 0xF1, 6);
+    // The notifier says when the service is back after it went away.
+    xal_client_os_params os{};
+    if (xal_client_notifier_init(mService, &os, &mNotifier) != XAL_NO_ERR ||
+        xal_client_register_notify_cb(mNotifier, onNotify, this) != XAL_NO_ERR || !connect()) {
+        if (mNotifier != nullptr) xal_client_release(mNotifier);
+        throw Refused("cannot reach the modem service at " + xalremote::socketPath());
+    }
+}
+
+ChangeWatcher::~ChangeWatcher() {
+    disconnect();
+    xal_client_release(mNotifier);
+}
+
+bool ChangeWatcher::connect() {
     xal_service_info info{};
     xal_client_os_params os{};
-    if (xal_client_get_any_service(service, &info) != XAL_NO_ERR ||
-        xal_client_init(&info, service, onIndication, this, &os, &mClient) != XAL_NO_ERR) {
-        throw Refused("cannot reach the modem service at " + xalremote::socketPath());
+    if (xal_client_get_any_service(mService, &info) != XAL_NO_ERR ||
+        xal_client_init(&info, mService, onIndication, this, &os, &mClient) != XAL_NO_ERR) {
+        mClient = nullptr;
+        return false;
+    }
+    mLedger.ignore(mClient);
+    {
+        kiv::MutexLock guard(mLock);
+        mLost = false;
     }
     xal_client_register_error_cb(mClient, onError, this);
     wds_indication_register_req_msg_v01 events{};
@@ -27,22 +49,46 @@ ChangeWatcher::ChangeWatcher(std::chrono::milliseconds timeout) : mTimeout(timeo
     all.report_all_profiles = 1;
     if (!send(XAL_WDS_INDICATION_REGISTER_REQ_V01, &events, sizeof(events)) ||
         !send(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, &all, sizeof(all))) {
-        xal_client_release(mClient);
-        throw Refused("the modem service refused to report profile changes");
+        disconnect();
+        return false;
     }
+    return true;
 }
 
-ChangeWatcher::~ChangeWatcher() {
+void ChangeWatcher::disconnect() {
+    if (mClient == nullptr) return;
+    // Not with the lock held: a callback running now takes it.
     xal_client_release(mClient);
+    mClient = nullptr;
+    kiv::MutexLock guard(mLock);
+    mLost = false;
 }
 
-std::optional<ChangeWatcher::Indication> ChangeWatcher::next() {
-    kiv::MutexLock guard(mLock);
-    guard.wait(mChanged, [this]() REQUIRES(mLock) { return !mQueue.empty() || mLost; });
-    if (mQueue.empty()) return std::nullopt;
-    Indication indication = std::move(mQueue.front());
-    mQueue.pop_front();
-    return indication;
+ChangeWatcher::Change ChangeWatcher::next() {
+    for (;;) {
+        uint64_t ups;
+        {
+            kiv::MutexLock guard(mLock);
+            if (mClient != nullptr) {
+                guard.wait(mChanged, [this]() REQUIRES(mLock) { return !mQueue.empty() || mLost; });
+            }
+            if (!mQueue.empty()) {
+                Change change = std::move(mQueue.front());
+                mQueue.pop_front();
+                return change;
+            }
+            ups = mServiceUps;
+        }
+        if (mClient != nullptr) {
+            // Everything the service sent before it went away has been told.
+            disconnect();
+            return {Change::kServiceDown, 0, {}};
+        }
+        if (connect()) return {Change::kServiceUp, 0, {}};
+        // Not back yet: the notifier says when it is up again.
+        kiv::MutexLock guard(mLock);
+        guard.wait(mChanged, [&]() REQUIRES(mLock) { return mServiceUps != ups; });
+    }
 }
 
 std::optional<xalsim::Settings> ChangeWatcher::settings(
@@ -59,10 +105,14 @@ std::optional<xalsim::Settings> ChangeWatcher::settings(
     return response;
 }
 
-nlohmann::ordered_json ChangeWatcher::describe(const Indication& indication) {
+nlohmann::ordered_json ChangeWatcher::describe(const Change& indication) {
     static const char* const kEvents[] = {
             "0", "create", "delete", "modify", "subscription-change", "profile-ready"};
     nlohmann::ordered_json change;
+    if (indication.kind != Change::kIndication) {
+        change["event"] = indication.kind == Change::kServiceDown ? "service-down" : "service-up";
+        return change;
+    }
     wds_profile_changed_ind_msg_v01 decoded{};
     const auto result = xal_client_message_decode(
             nullptr, XAL_IDL_INDICATION, indication.msgId, indication.bytes.data(),
@@ -128,7 +178,8 @@ void ChangeWatcher::onIndication(xal_client_type, unsigned int msgId, void* buff
     auto* self = static_cast<ChangeWatcher*>(data);
     const auto* bytes = static_cast<const uint8_t*>(buffer);
     kiv::MutexLock guard(self->mLock);
-    self->mQueue.push_back({msgId, std::vector<uint8_t>(bytes, bytes + length)});
+    self->mQueue.push_back(
+            {Change::kIndication, msgId, std::vector<uint8_t>(bytes, bytes + length)});
     self->mChanged.notify_all();
 }
 
@@ -136,6 +187,15 @@ void ChangeWatcher::onError(xal_client_type, xal_client_error_type, void* data) 
     auto* self = static_cast<ChangeWatcher*>(data);
     kiv::MutexLock guard(self->mLock);
     self->mLost = true;
+    self->mChanged.notify_all();
+}
+
+void ChangeWatcher::onNotify(xal_client_type, xal_idl_service_object_type,
+                             xal_client_notify_event_type event, void* data) {
+    if (event != XAL_CLIENT_SERVICE_COUNT_INC) return;
+    auto* self = static_cast<ChangeWatcher*>(data);
+    kiv::MutexLock guard(self->mLock);
+    ++self->mServiceUps;
     self->mChanged.notify_all();
 }
 

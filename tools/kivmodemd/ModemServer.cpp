@@ -35,6 +35,8 @@ namespace {
 constexpr size_t kMaxQueuedBytes = 4 * 1024 * 1024;
 // Messages read from one connection before the others get their turn.
 constexpr int kReadsPerTurn = 32;
+// At most this much of a request's time-out is kept for its answer's way back.
+constexpr std::chrono::milliseconds kAnswerMargin{100};
 
 const char* roleName(Role role) {
     switch (role) {
@@ -264,14 +266,18 @@ int ModemServer::timeoutUntilNextWork(Clock::time_point now) {
         consider(std::max(head.arrival, mBusyUntil) + mOptions.latency);
     }
     for (const auto& [id, connection] : mConnections) {
-        if (!connection.events.empty() && !connection.waitingToWrite) {
-            consider(connection.events.front().due);
+        if (!connection.outgoing.empty() && !connection.waitingToWrite && !heldBack(connection)) {
+            consider(connection.outgoing.front().due);
         }
     }
     for (const auto& waiter : mWaiters) consider(waiter.deadline);
     if (!next) return -1;
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*next - now).count();
     return static_cast<int>(std::clamp<int64_t>(wait, 0, 60000));
+}
+
+bool ModemServer::heldBack(const Connection& connection) const {
+    return mHolding && (connection.role == Role::kService || connection.role == Role::kNotifier);
 }
 
 std::string ModemServer::describe(const Connection& connection) const {
@@ -413,12 +419,8 @@ void ModemServer::handle(Connection& connection, const Message& message) {
             return;
         }
         case MessageType::kPing:
-            queueEvent(connection,
-                       {connection.events.empty()
-                                ? Clock::now()
-                                : std::max(Clock::now(), connection.events.back().due),
-                        xalremote::encode(xalremote::makeMessage(MessageType::kPong, message.seq)),
-                        Event::kNotify, false});
+            // After every event sent before it: the client then has them all.
+            reply(connection, xalremote::makeMessage(MessageType::kPong, message.seq));
             return;
         case MessageType::kControl:
             if (connection.role != Role::kControl) break;
@@ -432,14 +434,12 @@ void ModemServer::handle(Connection& connection, const Message& message) {
 }
 
 void ModemServer::reply(Connection& connection, const Message& message) {
-    auto bytes = xalremote::encode(message);
-    connection.queuedBytes += bytes.size();
-    connection.replies.push_back(std::move(bytes));
+    queue(connection, {Clock::now(), xalremote::encode(message), std::nullopt});
 }
 
-void ModemServer::queueEvent(Connection& connection, Outgoing outgoing) {
+void ModemServer::queue(Connection& connection, Outgoing outgoing) {
     connection.queuedBytes += outgoing.bytes.size();
-    connection.events.push_back(std::move(outgoing));
+    connection.outgoing.push_back(std::move(outgoing));
     if (connection.queuedBytes > kMaxQueuedBytes) {
         drop(connection, "it does not read its messages");
     }
@@ -459,12 +459,12 @@ void ModemServer::takePosted() {
                                        {static_cast<uint32_t>(wireKind(event.kind)),
                                         static_cast<uint32_t>(event.code), event.msgId},
                                        std::move(event.payload));
-        queueEvent(it->second, {due, xalremote::encode(message), event.kind, true});
+        queue(it->second, {due, xalremote::encode(message), event.kind});
     }
 }
 
 void ModemServer::flush(Connection& connection, Clock::time_point now) {
-    if (connection.waitingToWrite) return;
+    if (connection.waitingToWrite || heldBack(connection)) return;
     auto send = [&](const std::vector<uint8_t>& bytes) {
         const ssize_t sent = TEMP_FAILURE_RETRY(::send(connection.fd.get(), bytes.data(),
                                                        bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
@@ -485,15 +485,11 @@ void ModemServer::flush(Connection& connection, Clock::time_point now) {
         }
         return false;
     };
-    while (!connection.replies.empty()) {
-        if (!send(connection.replies.front())) return;
-        connection.replies.pop_front();
-    }
-    while (!connection.events.empty() && connection.events.front().due <= now) {
-        Outgoing& head = connection.events.front();
+    while (!connection.outgoing.empty() && connection.outgoing.front().due <= now) {
+        Outgoing& head = connection.outgoing.front();
         if (!send(head.bytes)) return;
-        if (head.event) mModem.noteDelivered(head.kind);
-        connection.events.pop_front();
+        if (head.event) mModem.noteDelivered(*head.event);
+        connection.outgoing.pop_front();
     }
 }
 
@@ -502,7 +498,12 @@ std::optional<ModemServer::Clock::time_point> ModemServer::serveDue(Clock::time_
         PendingRequest& head = mPending.front();
         const auto start = std::max(head.arrival, mBusyUntil);
         const auto finish = start + mOptions.latency;
-        const auto deadline = head.arrival + std::chrono::milliseconds(head.timeoutMs);
+        // Answered with room to spare for the way back: an answer that
+        // reached its client after it gave up would be a change made and
+        // reported not answered.
+        const auto timeout = std::chrono::milliseconds(head.timeoutMs);
+        const auto deadline = head.arrival + timeout -
+                              std::min<std::chrono::milliseconds>(timeout / 10, kAnswerMargin);
         auto it = mConnections.find(head.connection);
         const bool gone = it == mConnections.end() || it->second.dead;
         if (gone || finish > deadline) {
@@ -516,6 +517,12 @@ std::optional<ModemServer::Clock::time_point> ModemServer::serveDue(Clock::time_
         }
         if (now < finish) return finish;
         mBusyUntil = finish;
+        // What the modem raised before this request goes out before its answer.
+        takePosted();
+        if (it->second.dead) {
+            mPending.pop_front();
+            continue;
+        }
         std::vector<uint8_t> response(std::max<uint32_t>(head.responseLength, 1));
         const xal_client_error_type result =
                 mModem.serve(clientIdOf(head.connection), head.msgId,
@@ -530,6 +537,8 @@ std::optional<ModemServer::Clock::time_point> ModemServer::serveDue(Clock::time_
                           MessageType::kResponse, head.seq, {static_cast<uint32_t>(result)},
                           result == XAL_NO_ERR ? std::move(response) : std::vector<uint8_t>()));
         }
+        // And what this request raised, after it.
+        takePosted();
         mPending.pop_front();
     }
     return std::nullopt;
@@ -616,6 +625,20 @@ void ModemServer::handleControl(Connection& connection, const Message& message) 
             mModem.failNext(*id, count("count", 1), count("skip", 0));
         } else {
             mModem.timeoutNext(*id, count("count", 1));
+        }
+    } else if (op == "hold") {
+        const json on = command.contains("on") ? command["on"] : json(true);
+        if (on.is_boolean()) {
+            mHolding = on.get<bool>();
+        } else {
+            refuse("hold needs on: true or false");
+        }
+    } else if (op == "externalDelete") {
+        // A profile deleted by another party: every registered client is told.
+        if (!mModem.externalDelete(static_cast<wds_profile_type_enum_v01>(count("type", 0)),
+                                   static_cast<uint8_t>(count("index", 0)))) {
+            refuse(mModem.counters().failedCommits != failedBefore ? mModem.lastCommitError()
+                                                                   : "no such profile");
         }
     } else if (op == "failService") {
         mModem.failGetAnyService(count("count", 1));

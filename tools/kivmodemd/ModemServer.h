@@ -9,6 +9,11 @@
 // request that cannot be answered within its time-out is dropped (its
 // client sees the time-out). A client that stops reading its messages is
 // disconnected rather than allowed to hold the modem's memory.
+//
+// What a client is sent leaves in the order the modem produced it: an
+// answer follows every indication the modem raised before it served the
+// request, and precedes the indications its change raised. A delayed
+// indication holds back what comes after it, as a slow channel would.
 #pragma once
 
 #include <android-base/result.h>
@@ -61,10 +66,9 @@ class ModemServer {
   private:
     using Clock = std::chrono::steady_clock;
     struct Outgoing {
-        Clock::time_point due;
+        Clock::time_point due;  // not sent before; nor is anything behind it
         std::vector<uint8_t> bytes;
-        xalsim::Event::Kind kind;
-        bool event;  // counts as a delivered event once sent
+        std::optional<xalsim::Event::Kind> event;  // counted as delivered once sent
     };
     struct Connection {
         uint64_t id;
@@ -76,8 +80,7 @@ class ModemServer {
         bool waitingToWrite = false;
         pid_t pid = 0;
         uid_t uid = 0;
-        std::deque<std::vector<uint8_t>> replies;  // sent as soon as the socket takes them
-        std::deque<Outgoing> events;               // in order, each not before its time
+        std::deque<Outgoing> outgoing;  // in order, each not before its time
         size_t queuedBytes = 0;
     };
     struct PendingRequest {
@@ -116,7 +119,7 @@ class ModemServer {
     void drop(Connection& connection, const std::string& why);
     void close(Connection& connection);
     void reply(Connection& connection, const xalremote::Message& message);
-    void queueEvent(Connection& connection, Outgoing outgoing);
+    void queue(Connection& connection, Outgoing outgoing);
     void flush(Connection& connection, Clock::time_point now);
     void takePosted();
     // Serves the requests whose turn has come; the time of the next one.
@@ -125,6 +128,7 @@ class ModemServer {
     int timeoutUntilNextWork(Clock::time_point now);
     void watch(int fd, uint64_t key, uint32_t events);
     std::string describe(const Connection& connection) const;
+    bool heldBack(const Connection& connection) const;
 
     const Options mOptions;
     const Log mLog;
@@ -149,6 +153,9 @@ class ModemServer {
     Clock::time_point mBusyUntil{};
     std::map<unsigned int, uint64_t> mArrivals;  // requests received, by message id
     std::vector<Waiter> mWaiters;
+    // Held: nothing goes out to the modem's clients until it is released
+    // (a control command, to order events deterministically in tests).
+    bool mHolding = false;
 
     static constexpr uint64_t kWakeKey = 1;
     static constexpr uint64_t kListenKey = 2;

@@ -137,12 +137,10 @@ int main(int argc, char** argv) {
     if (auto saved = state->save(table); !saved.ok()) {
         return fail(kFailed, saved.error().message());
     }
-    modem.setCommitHook([&state](const xalsim::Table& changed, std::string* error) {
+    modem.setCommitHook([&state](const xalsim::Table& changed) {
         auto saved = state->save(changed);
-        if (saved.ok()) return true;
-        *error = saved.error().message();
-        logLine("change refused: " + *error);
-        return false;
+        if (!saved.ok()) logLine("change refused: " + saved.error().message());
+        return saved;
     });
     printf("kivmodemd: ready on %s (state %s, %zu profiles)\n", socketPath.c_str(),
            state->path().c_str(), table.size());
