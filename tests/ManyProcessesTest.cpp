@@ -2,10 +2,16 @@
 // its own commands, none takes another's profile for its own or loses its
 // own, and no temporary outlives the process that made it.
 
+#include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <condition_variable>
+#include <cstdlib>
 #include <future>
+#include <map>
+#include <mutex>
+#include <random>
 #include <thread>
 
 #include "ServiceFixture.h"
@@ -152,8 +158,10 @@ TEST_F(ManyProcessesTest, FullDiskFailsTheChangeItStopsAndNoOtherClientsCommand)
     other->write("list\n");
     limitDaemonFiles(RLIM_INFINITY);
     other->write("add --apn stored\n");
-    ASSERT_TRUE(other->waitForOutput("added: profile 4 (3gpp) as #1", 20s))
-            << other->finish(1s).err;
+    ASSERT_TRUE(other->waitForOutput("added: profile 4 (3gpp) as #1", 20s)) << [&] {
+        const auto result = other->finish(1s);
+        return result.out + result.err;
+    }();
     const auto result = other->finish();
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.err, "");
@@ -197,6 +205,288 @@ TEST_F(ManyProcessesTest, ShellAndWatchFollowTheServiceAcrossADaemonRestart) {
               "profile-ready\n"
               "create 3gpp 5: apn_name=\"after\" persistent=1 profile_name=\"kiv_profile\"\n"
               "modify 3gpp 5: apn_name=\"after\" persistent=1 profile_name=\"kiv_profile\"\n");
+}
+
+// What one process is sure of about a profile it made, command by command.
+struct Expected {
+    std::string apn;
+    int id = 0;
+    bool temporary = false;
+    enum Presence { kPresent, kAbsent, kEither } presence = kAbsent;
+    std::set<std::string> users{""};  // the user names it may hold ("" none)
+};
+
+// A text member of a JSON object; empty when it is missing or not text.
+std::string text(const json& object, const char* name) {
+    if (!object.is_object() || !object.contains(name) || !object[name].is_string()) return "";
+    return object[name].get<std::string>();
+}
+
+// How kivctl said a command went.
+enum class Told { kDone, kRefused, kUnknown };
+
+Told told(const Subprocess::Result& result) {
+    if (result.status == 0) return Told::kDone;
+    // Killed, or a request sent and not answered: it may have been done.
+    if (result.status != 1 || result.err.find("may have been done") != std::string::npos) {
+        return Told::kUnknown;
+    }
+    return Told::kRefused;
+}
+
+// Several processes change profiles of their own through one modem
+// service, from a seed, while the service is restarted, taken down, killed
+// and started again, its disk fills and clients are killed mid-command.
+// Whatever a command was told, the modem holds at the end: every change
+// told done is there, none told refused is, no profile appears that nobody
+// made, and no temporary outlives a command told done.
+TEST_F(ManyProcessesTest, SeededRunEndsWithExactlyWhatEachProcessWasTold) {
+    const char* seedText = getenv("KIVR_CHAOS_SEED");
+    const unsigned seed = seedText ? static_cast<unsigned>(strtoul(seedText, nullptr, 10)) : 1123u;
+    RecordProperty("seed", static_cast<int>(seed));
+    SCOPED_TRACE("KIVR_CHAOS_SEED=" + std::to_string(seed));
+    constexpr int kProcesses = 5;
+    constexpr int kCommandsEach = 30;
+    startDaemon();
+
+    std::mutex lock;
+    std::condition_variable progress;
+    int done = 0;
+    bool finished = false;
+    std::map<int, Subprocess*> running;  // by process, to kill one mid-command
+    std::vector<std::string> problems;
+    std::vector<std::string> journal;  // every command and what it was told, in order
+    auto problem = [&](const std::string& what) {
+        std::lock_guard<std::mutex> guard(lock);
+        problems.push_back(what);
+    };
+
+    std::vector<std::vector<Expected>> owned(kProcesses);
+    auto process = [&](int p) {
+        std::mt19937 random(seed * 31 + p);
+        auto& mine = owned[p];
+        auto run = [&](std::vector<std::string> args) {
+            args.insert(args.begin(), {"--modem", socket, "--timeout", "5000"});
+            Subprocess child(command(KIVCTL_PATH, args), Subprocess::Options());
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                running[p] = &child;
+            }
+            auto result = child.finish();
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                running.erase(p);
+                ++done;
+            }
+            progress.notify_all();
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                journal.push_back("process " + std::to_string(p) + ": " +
+                                  android::base::Join(args, ' ') + " -> " +
+                                  std::to_string(result.status) + " " + result.out + result.err);
+            }
+            if (result.status == 2 || result.status < 0) {
+                problem("bad input or a hang: " + android::base::Join(args, ' ') + ": " +
+                        result.err);
+            }
+            return result;
+        };
+        auto certain = [&](Expected::Presence presence) {
+            std::vector<Expected*> matching;
+            for (auto& profile : mine) {
+                if (!profile.temporary && profile.presence == presence && profile.id > 0)
+                    matching.push_back(&profile);
+            }
+            return matching;
+        };
+        for (int n = 0; n < kCommandsEach; ++n) {
+            const std::string apn = "p" + std::to_string(p) + "." + std::to_string(n);
+            const int pick = static_cast<int>(random() % 100);
+            auto present = certain(Expected::kPresent);
+            if (pick < 45 || present.empty()) {
+                const bool temporary = pick % 3 == 0;
+                std::vector<std::string> args = {"--json", "add", "--apn", apn};
+                if (temporary) args.push_back("--temporary");
+                const auto result = run(args);
+                Expected made;
+                made.apn = apn;
+                made.temporary = temporary;
+                switch (told(result)) {
+                    case Told::kDone: {
+                        const json said = json::parse(result.out, nullptr, false);
+                        made.id = said.is_object() ? said["profile"].value("id", 0) : 0;
+                        if (!said.is_object() || text(said["profile"], "apn") != apn) {
+                            problem("add " + apn + " was told of another profile: " + result.out);
+                        }
+                        made.presence = temporary ? Expected::kAbsent : Expected::kPresent;
+                        break;
+                    }
+                    case Told::kRefused:
+                        made.presence = Expected::kAbsent;
+                        break;
+                    case Told::kUnknown:
+                        made.presence = Expected::kEither;
+                        break;
+                }
+                // A temporary that was not told done may linger until the
+                // modem powers on again.
+                if (temporary && made.presence != Expected::kAbsent) continue;
+                if (temporary && told(result) != Told::kDone) continue;
+                mine.push_back(made);
+            } else if (pick < 70) {
+                Expected& target = *present[random() % present.size()];
+                const std::string user = "u" + std::to_string(n);
+                const auto result = run({"modify", std::to_string(target.id), "--user", user});
+                if (told(result) == Told::kDone) target.users = {user};
+                if (told(result) == Told::kUnknown) target.users.insert(user);
+            } else if (pick < 85) {
+                Expected& target = *present[random() % present.size()];
+                const auto result = run({"delete", std::to_string(target.id)});
+                if (told(result) == Told::kDone) target.presence = Expected::kAbsent;
+                if (told(result) == Told::kUnknown) target.presence = Expected::kEither;
+            } else {
+                const auto result = run({"--json", "list"});
+                if (result.status != 0) continue;
+                std::set<std::string> listed;
+                const json said = json::parse(result.out, nullptr, false);
+                if (said.is_object()) {
+                    for (const auto& profile : said["profiles"])
+                        listed.insert(text(profile, "apn"));
+                }
+                for (const auto& profile : mine) {
+                    if (profile.temporary) continue;
+                    if ((profile.presence == Expected::kPresent) !=
+                                (listed.count(profile.apn) != 0) &&
+                        profile.presence != Expected::kEither) {
+                        problem("list of process " + std::to_string(p) + " was wrong about " +
+                                profile.apn + ": " + result.out);
+                    }
+                }
+            }
+        }
+    };
+
+    // The faults, paced by the commands done rather than by a clock.
+    auto faults = [&] {
+        std::mt19937 random(seed);
+        auto waitFor = [&](int more) {
+            std::unique_lock<std::mutex> guard(lock);
+            const int target = done + more;
+            progress.wait(guard, [&] { return done >= target || finished; });
+            return !finished;
+        };
+        auto note = [&](const std::string& what) {
+            std::lock_guard<std::mutex> guard(lock);
+            journal.push_back("fault: " + what);
+        };
+        auto startAgain = [&] {
+            auto argv = command(KIVMODEMD_PATH, {"--state", state, "--socket", socket});
+            daemon = std::make_unique<Subprocess>(argv, daemonOptions());
+            if (!daemon->waitForOutput("ready", 20s)) {
+                problem("kivmodemd did not start again: " + daemonLog());
+            }
+        };
+        while (waitFor(4 + static_cast<int>(random() % 6))) {
+            switch (random() % 5) {
+                case 0:
+                    note("restart");
+                    control({{"op", "restart"}});
+                    break;
+                case 1:
+                    note("down");
+                    control({{"op", "down"}});
+                    waitFor(2);
+                    note("up");
+                    control({{"op", "up"}});
+                    break;
+                case 2:
+                    note("daemon killed");
+                    daemon->kill(SIGKILL);
+                    daemon->finish();
+                    waitFor(2);
+                    note("daemon started");
+                    startAgain();
+                    break;
+                case 3: {
+                    note("disk full");
+                    limitDaemonFiles(read(state).size() / 2);
+                    waitFor(3);
+                    note("disk free");
+                    limitDaemonFiles(RLIM_INFINITY);
+                    break;
+                }
+                case 4: {
+                    std::lock_guard<std::mutex> guard(lock);
+                    if (!running.empty()) {
+                        auto victim = running.begin();
+                        std::advance(victim, random() % running.size());
+                        journal.push_back("fault: kill process " + std::to_string(victim->first));
+                        victim->second->kill(SIGKILL);
+                    }
+                    break;
+                }
+            }
+        }
+    };
+
+    std::thread injector(faults);
+    std::vector<std::thread> processes;
+    for (int p = 0; p < kProcesses; ++p) processes.emplace_back(process, p);
+    for (auto& thread : processes) thread.join();
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        finished = true;
+    }
+    progress.notify_all();
+    injector.join();
+    for (const auto& what : problems) ADD_FAILURE() << what;
+
+    // Temporaries told done went with their commands; then the modem powers
+    // on again, as the last fault might have left it: the rest go too.
+    limitDaemonFiles(RLIM_INFINITY);
+    control({{"op", "up"}});
+    std::set<std::string> before = apnsOnTheModem();
+    for (const auto& mine : owned) {
+        for (const auto& profile : mine) {
+            if (profile.temporary) {
+                EXPECT_EQ(before.count(profile.apn), 0u) << "temporary " << profile.apn << " left";
+            }
+        }
+    }
+    control({{"op", "restart"}});
+    std::map<std::string, json> held;
+    const json table = control({{"op", "profiles"}});
+    for (const auto& profile : table["profiles"]) {
+        const std::string apn =
+                text(profile, profile.contains("apn_name") ? "apn_name" : "apn_string");
+        EXPECT_EQ(held.count(apn), 0u) << apn << " twice on the modem";
+        held[apn] = profile;
+    }
+    size_t accounted = factoryApns().size();
+    for (const auto& name : factoryApns()) EXPECT_EQ(held.count(name), 1u) << name;
+    for (const auto& mine : owned) {
+        for (const auto& profile : mine) {
+            if (profile.temporary) continue;
+            auto it = held.find(profile.apn);
+            const bool there = it != held.end();
+            accounted += there;
+            if (profile.presence == Expected::kPresent) {
+                EXPECT_TRUE(there) << profile.apn << " was told added and is gone";
+            } else if (profile.presence == Expected::kAbsent) {
+                EXPECT_FALSE(there) << profile.apn << " was told refused or deleted and is there";
+            }
+            if (there) {
+                const std::string user = text(it->second, "username");
+                EXPECT_EQ(profile.users.count(user), 1u)
+                        << profile.apn << " holds user '" << user << "', never told done";
+            }
+        }
+    }
+    EXPECT_EQ(held.size(), accounted) << "a profile nobody was told of: " << json(held).dump();
+    if (HasFailure()) {
+        std::ofstream out(testing::TempDir() + "kivr-seeded-run-" + std::to_string(seed) + ".log");
+        for (const auto& line : journal) out << line << "\n";
+    }
 }
 
 }  // namespace

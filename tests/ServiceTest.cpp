@@ -245,7 +245,7 @@ TEST_F(ServiceTest, DaemonRefusesWhatItCannotServeAndStopsCleanly) {
     daemon->kill(SIGTERM);
     const auto stopped = daemon->finish();
     EXPECT_EQ(stopped.status, 0);
-    EXPECT_NE(stopped.err.find("stopping on Terminated"), std::string::npos);
+    EXPECT_NE(daemonLog().find("stopping on Terminated"), std::string::npos) << daemonLog();
     EXPECT_FALSE(fs::exists(socket));
 
     // A state file it cannot load: one line, exit status 2, the file untouched.

@@ -70,9 +70,17 @@ class ServiceFixture : public testing::Test {
     void startDaemon(std::vector<std::string> options = {}) {
         auto argv = command(KIVMODEMD_PATH, {"--state", state, "--socket", socket});
         argv.insert(argv.end(), options.begin(), options.end());
-        daemon = std::make_unique<Subprocess>(argv, Subprocess::Options());
-        ASSERT_TRUE(daemon->waitForOutput("ready", 20s)) << daemon->finish(1s).err;
+        daemon = std::make_unique<Subprocess>(argv, daemonOptions());
+        ASSERT_TRUE(daemon->waitForOutput("ready", 20s)) << daemonLog();
     }
+    // The daemon logs a line per client: its log goes to a file, which a
+    // pipe nobody reads would fill until the daemon stops.
+    Subprocess::Options daemonOptions() const {
+        Subprocess::Options options;
+        options.errorFile = dir + "/kivmodemd.log";
+        return options;
+    }
+    std::string daemonLog() const { return read(dir + "/kivmodemd.log"); }
     static Subprocess::Result kivctl(std::vector<std::string> args, const std::string& input = "") {
         return Subprocess::run(command(KIVCTL_PATH, args), input);
     }
@@ -82,7 +90,10 @@ class ServiceFixture : public testing::Test {
     }
     nlohmann::json control(const nlohmann::json& command) {
         auto connection = xalremote::ServiceControl::connect();
-        EXPECT_TRUE(connection.ok()) << connection.error().message();
+        if (!connection.ok()) {
+            ADD_FAILURE() << command.dump() << ": " << connection.error().message();
+            return nlohmann::json();
+        }
         auto answer = connection->call(command);
         EXPECT_TRUE(answer.ok()) << answer.error().message();
         return answer.ok() ? *answer : nlohmann::json();

@@ -40,6 +40,12 @@ Subprocess::Subprocess(const std::vector<std::string>& argv, const Options& opti
     const passwd* nobody = options.asNobody && geteuid() == 0 ? getpwnam("nobody") : nullptr;
     const uid_t nobodyUid = nobody ? nobody->pw_uid : 0;
     const gid_t nobodyGid = nobody ? nobody->pw_gid : 0;
+    if (!options.errorFile.empty()) {
+        childErr.reset(TEMP_FAILURE_RETRY(
+                open(options.errorFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600)));
+        mErr.reset();
+        if (!childErr.ok()) abort();
+    }
 
     mPid = fork();
     if (mPid == 0) {

@@ -17,6 +17,9 @@ struct SubprocessOptions {
     std::vector<std::string> environment;  // NAME=VALUE, added to the test's own
     std::optional<long> fileSizeLimit;     // bytes (RLIMIT_FSIZE), a full disk
     bool asNobody = false;                 // drop root, where the test runs as root
+    // Standard error appended to this file rather than kept: for a program
+    // that logs more than a pipe holds while nobody reads it.
+    std::string errorFile;
 };
 
 class Subprocess {

@@ -312,9 +312,8 @@ int Commands::execute(const Command& command, const Arguments& args) {
     if (mInShell && !command.inShell) throw UsageError("already in the shell");
     mCommand = command.name;
     if (command.needsLibrary) {
-        // A table that could not be read fails the command too.
         mSession.startLibrary();
-        mSession.catchUp();
+        mSession.catchUp(mCommand);
     }
     // Whatever the command asked of the modem is judged, also when it failed
     // for another reason: what the modem refused is said.
@@ -355,7 +354,8 @@ std::shared_ptr<kiv::IProfileKey> Commands::resolve(const std::string& word,
     return keys.front();
 }
 
-int Commands::report(const std::string& action, const std::shared_ptr<kiv::IProfileKey>& key) {
+int Commands::report(const std::string& action, const std::shared_ptr<kiv::IProfileKey>& key,
+                     const ProfileParams* asked) {
     requireAnswered();
     if (!key) throw Refused(mCommand + ": the library refused (kivctl --log tells more)");
     const int number = mInShell ? mSession.keep(key) : 0;
@@ -369,7 +369,12 @@ int Commands::report(const std::string& action, const std::shared_ptr<kiv::IProf
         } catch (const Refused&) {
         }
     }
-    const ProfileView v = mSession.view(key, table, number);
+    ProfileView v = mSession.view(key, table, number);
+    if (v.stale && asked != nullptr) {
+        // The library read the table anew since (the modem restarted): the
+        // profile is as it was made, whether or not it outlived the restart.
+        v.params = *asked;
+    }
     if (mGlobals.json) {
         printJson(mOut, {{"action", action}, {"profile", profileJson(v)}});
     } else {
@@ -395,13 +400,33 @@ int Commands::printViews(std::vector<ProfileView> views) {
     return kOk;
 }
 
-int Commands::list(const Arguments&) {
-    const auto table = mSession.modemProfiles();
-    std::vector<ProfileView> views;
-    for (const auto& key : manager().filter(FilterProfileParams())) {
-        views.push_back(mSession.view(key, table));
+std::vector<ProfileView> Commands::viewsOf(const FilterProfileParams& filter, bool keepHandles) {
+    for (int attempt = 1;; ++attempt) {
+        const auto table = mSession.modemProfiles();
+        std::vector<std::pair<std::shared_ptr<kiv::IProfileKey>, ProfileView>> found;
+        bool reread = false;
+        for (const auto& key : manager().filter(filter)) {
+            found.emplace_back(key, mSession.view(key, table));
+            reread = reread || found.back().second.stale;
+        }
+        if (!reread) {
+            std::vector<ProfileView> views;
+            for (auto& [key, view] : found) {
+                if (keepHandles) view.handle = mSession.keep(key);
+                views.push_back(std::move(view));
+            }
+            return views;
+        }
+        if (attempt == 3) {
+            throw Refused(mCommand +
+                          ": the modem's table was read anew each time it was being listed "
+                          "(the modem keeps restarting); nothing to show");
+        }
     }
-    return printViews(std::move(views));
+}
+
+int Commands::list(const Arguments&) {
+    return printViews(viewsOf(FilterProfileParams(), /*keepHandles=*/false));
 }
 
 int Commands::show(const Arguments& args) {
@@ -432,7 +457,7 @@ int Commands::add(const Arguments& args) {
     ProfileParams params;
     readProfileOptions(args, params, tech);
     const kiv::AddProfileParams add(params, !args.has("--temporary"), tech, args.has("--attach"));
-    return report("added", manager().addProfile(add));
+    return report("added", manager().addProfile(add), &params);
 }
 
 int Commands::modify(const Arguments& args) {
@@ -465,12 +490,7 @@ int Commands::remove(const Arguments& args) {
 int Commands::find(const Arguments& args) {
     FilterProfileParams filter;
     readFilterOptions(args, filter);
-    const auto table = mSession.modemProfiles();
-    std::vector<ProfileView> views;
-    for (const auto& key : manager().filter(filter)) {
-        views.push_back(mSession.view(key, table, mInShell ? mSession.keep(key) : 0));
-    }
-    return printViews(std::move(views));
+    return printViews(viewsOf(filter, /*keepHandles=*/mInShell));
 }
 
 int Commands::attach(const Arguments& args) {

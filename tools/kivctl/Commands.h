@@ -81,7 +81,14 @@ class Commands {
     // A profile named by id (with --tech) or, in the shell, by handle.
     std::shared_ptr<kiv::IProfileKey> resolve(const std::string& word,
                                               std::optional<kiv::TechType> tech);
-    int report(const std::string& action, const std::shared_ptr<kiv::IProfileKey>& key);
+    // A profile the command made or found. A key the library voided meanwhile
+    // (it read the table anew) is shown with what was asked, when known.
+    int report(const std::string& action, const std::shared_ptr<kiv::IProfileKey>& key,
+               const kiv::ProfileParams* asked = nullptr);
+    // The profiles matching a filter as the library sees them, kept as
+    // handles if asked. Keys that a reread voids between finding and reading
+    // them are found again.
+    std::vector<ProfileView> viewsOf(const kiv::FilterProfileParams& filter, bool keepHandles);
     // A request of the command's own that the modem refused, did not answer
     // or never got fails the command (before it reports success).
     void requireAnswered();

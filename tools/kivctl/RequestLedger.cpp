@@ -117,6 +117,11 @@ std::vector<FailedRequest> RequestLedger::takeFailures() {
     return std::exchange(mState->failures, {});
 }
 
+bool RequestLedger::hasFailures() {
+    kiv::MutexLock guard(mState->lock);
+    return !mState->failures.empty();
+}
+
 size_t RequestLedger::accepted(unsigned int msgId) {
     kiv::MutexLock guard(mState->lock);
     auto it = mState->accepted.find(msgId);

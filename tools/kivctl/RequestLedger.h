@@ -61,6 +61,7 @@ class RequestLedger {
 
     // The command's failed requests since the last call.
     std::vector<FailedRequest> takeFailures();
+    bool hasFailures();
     // Requests of a kind the modem accepted, so far.
     size_t accepted(unsigned int msgId);
 

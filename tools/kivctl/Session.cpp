@@ -173,6 +173,10 @@ void Session::startLibrary() {
 }
 
 void Session::waitForLibrary() {
+    // A service that is down does not come up by waiting.
+    if (!status().value("serviceUp", true)) {
+        throw Refused("the modem's data service is down (kivctl modem up brings it back)");
+    }
     if (!xalremote::waitForRegisteredClients(1, std::chrono::milliseconds(mGlobals.timeoutMs))) {
         throw Refused("the modem did not come up within " + std::to_string(mGlobals.timeoutMs) +
                       " ms" + (status().value("serviceUp", true) ? "" : " (its service is down)"));
@@ -185,17 +189,30 @@ void Session::settle() {
     mManager.match(kiv::FilterProfileParams(), nullptr);
 }
 
-void Session::catchUp() {
+void Session::catchUp(const std::string& command) {
     if (!mLibrary) return;
-    // While the service is away, said at once; once it is back, the library
-    // has come back with it.
-    if (!status().value("serviceUp", true)) {
-        throw Refused("the modem's data service is down (kivctl modem up brings it back)");
+    for (int attempt = 1;; ++attempt) {
+        // While the service is away, said at once; once it is back, the
+        // library has come back with it.
+        if (xalremote::registeredClients() == 0) {
+            waitForLibrary();
+        } else if (!status().value("serviceUp", true)) {
+            throw Refused("the modem's data service is down (kivctl modem up brings it back)");
+        }
+        {
+            // A reread the modem asked for on the way is done before the command.
+            const auto reading = mLedger.reading();
+            settle();
+        }
+        if (!mLedger.hasFailures()) return;
+        // The table was not read whole (the service went away meanwhile):
+        // read again, or say why not before anything is changed.
+        if (attempt == 3) requireDone(command);
+        mLedger.takeFailures();
+        if (xalremote::registeredClients() == 0) waitForLibrary();
+        const auto reading = mLedger.reading();
+        mManager.refresh(kiv::PDC_REFRESH_COMPLETED);
     }
-    if (xalremote::registeredClients() == 0) waitForLibrary();
-    // A reread the modem asked for on the way is done before the command.
-    const auto reading = mLedger.reading();
-    settle();
 }
 
 void Session::finish(const std::string& command) {

@@ -53,10 +53,12 @@ class Session {
     void waitForLibrary();
     // Every indication sent so far has been handled by the library.
     void settle();
-    // Before a command of the shell: after the modem service went away and
-    // came back, the library has reconnected and reread the table; refused
-    // while the modem's data service is down or the service is away.
-    void catchUp();
+    // Before a command: after the modem service went away and came back,
+    // the library has reconnected and reread the table; refused while the
+    // modem's data service is down or the service is away. A table the
+    // library could not read whole is read again; the command is refused,
+    // before it changes anything, when that fails too.
+    void catchUp(const std::string& command);
     // The end of a run that went well: keys are dropped (temporary profiles
     // leave the modem) and whatever that asked of the modem must be done.
     void finish(const std::string& command);
