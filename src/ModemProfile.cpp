@@ -91,7 +91,8 @@ const ProfileField<ModemProfile> ModemProfile::kFields[8] = {
         PlainField<ModemProfile, &ModemProfile::mUserName, &ProfileParams::hasUserName,
                    &ProfileParams::getUserName, &ProfileParams::setUserName>::row("UserName="),
         PlainField<ModemProfile, &ModemProfile::mPassword, &ProfileParams::hasPassword,
-                   &ProfileParams::getPassword, &ProfileParams::setPassword>::row("Password="),
+                   &ProfileParams::getPassword,
+                   &ProfileParams::setPassword>::secretRow("Password="),
         PlainField<ModemProfile, &ModemProfile::mAuthType, &ProfileParams::hasAuthType,
                    &ProfileParams::getAuthType, &ProfileParams::setAuthType>::row("AuthType="),
         // Where the home IP type comes from and goes to is the technology's.

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "ProfileParams.h"
+#include "Secrets.h"
 
 namespace kiv {
 
@@ -71,6 +72,14 @@ struct PlainField {
     }
     static constexpr ProfileField<Profile> row(const char* label) {
         return {label, fromParams, diff, apply, toParams, matches, text};
+    }
+    // A password: shown as the build shows secrets (Secrets.h).
+    static std::optional<std::string> secretText(const Profile& profile) {
+        if (!(profile.*Member)) return std::nullopt;
+        return shownSecret(itemText(*(profile.*Member)));
+    }
+    static constexpr ProfileField<Profile> secretRow(const char* label) {
+        return {label, fromParams, diff, apply, toParams, matches, secretText};
     }
 };
 

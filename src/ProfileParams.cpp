@@ -2,6 +2,8 @@
 
 #include <iterator>
 
+#include "Secrets.h"
+
 namespace kiv {
 
 namespace {
@@ -109,7 +111,7 @@ std::string ProfileParams::dump() const {
     Items items(out);
     items.add("ApnName=", mApnName);
     items.add("UserName=", mUserName);
-    items.add("Password=", mPassword);
+    if (mPassword) items.add("Password=", shownSecret(*mPassword));
     items.add("AuthType=", mAuthType);
     items.add("HomeIPType=", mHomeIPType);
     items.add("RoamIPType=", mRoamIPType);

@@ -6,6 +6,7 @@
 
 #include "LibraryFixture.h"
 #include "ProfileKey.h"
+#include "Secrets.h"
 
 namespace kiv {
 namespace {
@@ -435,6 +436,37 @@ TEST_F(ManagerTest, ChangesFromBeforeAnAddNeverTouchTheProfileItCreated) {
         key.reset();
         settle();
         EXPECT_EQ(sim().profiles().size(), 2u) << "the temporary profile was left behind";
+    }
+}
+
+// Passwords in the library's texts: shown, as they always were, unless the
+// library is built secret-free; then no text of it carries one, 3GPP2 included.
+TEST_F(ManagerTest, PasswordsInDumpsAndLogLinesAsTheBuildSays) {
+    for (const TechType tech : {TechType::TECH_3GPP, TechType::TECH_3GPP2}) {
+        ProfileParams params;
+        params.setApnName("secret.apn");
+        params.setUserName("user");
+        params.setPassword("TopSecret123");
+        auto key = manager().addProfile(AddProfileParams(params, true, tech, false));
+        ASSERT_TRUE(key);
+        ModifyProfileParams change;
+        change.setPassword("TopSecret456");
+        manager().modifyProfile(change, key);
+        manager().refresh(PDC_REFRESH_COMPLETED);
+    }
+    std::vector<std::string> texts = manager().dump();
+    for (const auto& line : log->lines()) texts.push_back(line.message);
+    size_t shown = 0;
+    for (const auto& text : texts) {
+        shown += text.find("Password=TopSecret") != std::string::npos;
+        if (kSecretFreeLog) {
+            EXPECT_EQ(text.find("TopSecret"), std::string::npos) << text;
+        }
+    }
+    if (kSecretFreeLog) {
+        EXPECT_GT(log->countContaining(LogLevel::Info, "Password=(hidden)"), 3u);
+    } else {
+        EXPECT_GT(shown, 3u);
     }
 }
 

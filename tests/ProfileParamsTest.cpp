@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "ProfileParams.h"
+#include "Secrets.h"
 
 namespace kiv {
 namespace {
@@ -52,10 +53,12 @@ TEST(ProfileParamsTest, DumpPresentFieldsInDumpOrder) {
     p.setUserName("user");
     p.setApnName("Internet");
     EXPECT_EQ(p.dump(),
-              "ApnName=Internet,UserName=user,Password=secret,AuthType=CHAP,HomeIPType=V4,"
-              "RoamIPType=V6,ApnTypesMask=DEFAULT|IMS|,ApnClass=INET,IsClatEnabled=true,"
-              "MaxPdnsConnPerBlock=1,MaxPdnConnTimer=2,PdnReqWaitInterval=3,IsApnDisabled=true,"
-              "IsEmergencySupported=false,");
+              std::string("ApnName=Internet,UserName=user,Password=") +
+                      (kSecretFreeLog ? "(hidden)" : "secret") +
+                      ",AuthType=CHAP,HomeIPType=V4,"
+                      "RoamIPType=V6,ApnTypesMask=DEFAULT|IMS|,ApnClass=INET,IsClatEnabled=true,"
+                      "MaxPdnsConnPerBlock=1,MaxPdnConnTimer=2,PdnReqWaitInterval=3,"
+                      "IsApnDisabled=true,IsEmergencySupported=false,");
 }
 
 TEST(ProfileParamsTest, CopyPresenceTravelsWithTheValues) {

@@ -456,6 +456,7 @@ int Commands::add(const Arguments& args) {
     }
     ProfileParams params;
     readProfileOptions(args, params, tech);
+    learnSecrets(params);
     const kiv::AddProfileParams add(params, !args.has("--temporary"), tech, args.has("--attach"));
     return report("added", manager().addProfile(add), &params);
 }
@@ -464,6 +465,7 @@ int Commands::modify(const Arguments& args) {
     auto key = resolve(args.positionals()[0], techOption(args));
     kiv::ModifyProfileParams params;
     readProfileOptions(args, params, key->getTechType());
+    learnSecrets(params);
     if (!manager().modifyProfile(params, key)) {
         throw Refused("modify: the library no longer knows profile " +
                       std::to_string(key->getProfileId()));
@@ -490,6 +492,7 @@ int Commands::remove(const Arguments& args) {
 int Commands::find(const Arguments& args) {
     FilterProfileParams filter;
     readFilterOptions(args, filter);
+    learnSecrets(filter);
     return printViews(viewsOf(filter, /*keepHandles=*/mInShell));
 }
 
@@ -497,6 +500,7 @@ int Commands::attach(const Arguments& args) {
     mSession.util().setProfileUpdateAllowed(args.has("--allow-update"));
     ProfileParams params;
     readProfileOptions(args, params, TechType::TECH_3GPP);
+    learnSecrets(params);
     return report("attach profile", mSession.util().findOrCreateProfileForLteAttach(params));
 }
 
@@ -505,6 +509,7 @@ int Commands::dataCall(const Arguments& args) {
     mSession.util().setProfileUpdateAllowed(args.has("--allow-update"));
     ProfileParams params;
     readProfileOptions(args, params, tech);
+    learnSecrets(params);
     return report("data-call profile",
                   mSession.util().findOrCreateProfileForSetupDataCall(tech, params));
 }
@@ -513,6 +518,7 @@ int Commands::emergency(const Arguments& args) {
     mSession.util().setProfileUpdateAllowed(args.has("--allow-update"));
     ProfileParams params;
     readProfileOptions(args, params, TechType::TECH_3GPP);
+    learnSecrets(params);
     return report("emergency profile",
                   mSession.util().findOrCreateProfileForEmergencyDataCall(params));
 }
@@ -667,13 +673,19 @@ int Commands::applyApns(const Arguments& args) {
 }
 
 int Commands::dump(const Arguments&) {
-    const auto lines = manager().dump();
+    // The library's lines carry passwords (unless it was built secret-free).
+    std::vector<std::string> lines;
+    for (const auto& line : manager().dump()) lines.push_back(mSession.secrets().hide(line));
     if (mGlobals.json) {
         printJson(mOut, {{"dump", lines}});
     } else {
         for (const auto& line : lines) mOut << printable(line) << "\n";
     }
     return kOk;
+}
+
+void Commands::learnSecrets(const ProfileParams& params) {
+    if (params.hasPassword()) mSession.secrets().learn(params.getPassword());
 }
 
 int Commands::watch(const Arguments& args) {

@@ -93,6 +93,8 @@ class Commands {
     // or never got fails the command (before it reports success).
     void requireAnswered();
     int printViews(std::vector<ProfileView> views);
+    // A password given on the command line is never printed back.
+    void learnSecrets(const kiv::ProfileParams& params);
     // After the modem came back or changed wholesale, the library catches up.
     void resyncLibrary();
 

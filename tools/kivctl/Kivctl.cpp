@@ -71,18 +71,18 @@ CommandLine split(const std::vector<std::string>& words) {
     const Arguments args = Arguments::parse(global, globalOptions());
     line.version = args.has("--version");
     Globals& g = line.globals;
+    if (args.has("--modem") && args.has("--modem-state")) {
+        throw UsageError(
+                "--modem-state is for kivctl's own modem; the service named by "
+                "--modem keeps its own state");
+    }
     if (auto socket = args.value("--modem")) {
         g.modemSocket = *socket;
+    } else if (auto state = args.value("--modem-state")) {
+        // Named on the command line, kivctl's own modem wins over KIVR_MODEM.
+        g.statePath = *state;
     } else if (const char* named = getenv("KIVR_MODEM"); named != nullptr && named[0] != '\0') {
         g.modemSocket = named;
-    }
-    if (auto state = args.value("--modem-state")) {
-        if (args.has("--modem")) {
-            throw UsageError(
-                    "--modem-state is for kivctl's own modem; the service named by "
-                    "--modem keeps its own state");
-        }
-        g.statePath = *state;
     }
     if (auto instance = args.value("--instance")) {
         g.instance = parseNumber(*instance, "--instance", 0, 255);

@@ -3,6 +3,7 @@
 #include <android-base/strings.h>
 
 #include <algorithm>
+#include <cctype>
 
 #include "Errors.h"
 #include "ProfileOptions.h"
@@ -51,6 +52,59 @@ nlohmann::json withoutSecrets(nlohmann::json settings) {
         if (name.find("password") != std::string::npos) value = "(hidden)";
     }
     return settings;
+}
+
+void Secrets::learn(const std::string& password) {
+    if (password.empty()) return;
+    kiv::MutexLock guard(mLock);
+    mKnown.insert(password);
+}
+
+void Secrets::learnFromModem(const nlohmann::json& profiles) {
+    if (!profiles.is_array()) return;
+    for (const auto& profile : profiles) {
+        if (!profile.is_object()) continue;
+        for (const auto& [name, value] : profile.items()) {
+            if (name.find("password") != std::string::npos && value.is_string()) {
+                learn(value.get<std::string>());
+            }
+        }
+    }
+}
+
+std::string Secrets::hide(std::string line) const {
+    static const std::string kHidden = "(hidden)";
+    {
+        kiv::MutexLock guard(mLock);
+        // Longest first: a password inside another is hidden with it.
+        std::vector<std::string> known(mKnown.begin(), mKnown.end());
+        std::sort(known.begin(), known.end(),
+                  [](const std::string& a, const std::string& b) { return a.size() > b.size(); });
+        for (const auto& password : known) {
+            for (size_t at = line.find(password); at != std::string::npos;
+                 at = line.find(password, at + kHidden.size())) {
+                line.replace(at, password.size(), kHidden);
+            }
+        }
+    }
+    static const std::string kLabel = "Password=";
+    for (size_t at = line.find(kLabel); at != std::string::npos;
+         at = line.find(kLabel, at + kLabel.size())) {
+        const size_t value = at + kLabel.size();
+        size_t end = value;
+        // The next ",Name=" of the library's texts ends the value.
+        for (;; ++end) {
+            end = line.find(',', end);
+            if (end == std::string::npos) break;
+            size_t name = end + 1;
+            if (name >= line.size() || !isupper(static_cast<unsigned char>(line[name]))) continue;
+            while (name < line.size() && isalpha(static_cast<unsigned char>(line[name]))) ++name;
+            if (name < line.size() && line[name] == '=') break;
+        }
+        if (end == std::string::npos) end = line.size();
+        line.replace(value, end - value, kHidden);
+    }
+    return line;
 }
 
 std::string settingText(const nlohmann::json& value) {

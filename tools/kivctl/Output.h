@@ -3,9 +3,11 @@
 
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "Mutex.h"
 #include "ProfileParams.h"
 
 namespace kivctl {
@@ -27,6 +29,23 @@ std::vector<std::string> flagsOf(const ProfileView& view);
 nlohmann::ordered_json profileJson(const ProfileView& view);
 // A profile's settings as the modem holds them, passwords hidden.
 nlohmann::json withoutSecrets(nlohmann::json settings);
+
+// The passwords kivctl has met, so that none reaches what it prints: the
+// library's dump and log lines carry them (unless it was built secret-free).
+class Secrets {
+  public:
+    void learn(const std::string& password) EXCLUDES(mLock);
+    // Every password field of the modem's profiles (SettingsJson.h).
+    void learnFromModem(const nlohmann::json& profiles) EXCLUDES(mLock);
+    // The line with every password it holds shown as (hidden): each one
+    // met, and whatever follows "Password=" up to the next field of the
+    // library's texts (",Name=") or the line's end, met or not.
+    std::string hide(std::string line) const EXCLUDES(mLock);
+
+  private:
+    mutable kiv::Mutex mLock;
+    std::set<std::string> mKnown GUARDED_BY(mLock);
+};
 // One of those settings for a terminal: text quoted and escaped as printable().
 std::string settingText(const nlohmann::json& value);
 // One JSON document on one line; text that is not UTF-8 is replaced, never

@@ -44,10 +44,11 @@ void makeParentDirectories(const std::string& path) {
 
 void discardDiag(const msg_desc_type*, const char*, void*) {}
 
-// --log: the library's lines on standard error, text from the modem in them
-// escaped as everywhere else.
-void printDiag(const msg_desc_type*, const char* line, void*) {
-    std::cerr << "kivctl: library: " << printable(line) << "\n";
+// --log: the library's lines on standard error, their passwords hidden and
+// text from the modem in them escaped as everywhere else.
+void printDiag(const msg_desc_type*, const char* line, void* secrets) {
+    std::cerr << "kivctl: library: " << printable(static_cast<const Secrets*>(secrets)->hide(line))
+              << "\n";
 }
 
 }  // namespace
@@ -155,13 +156,17 @@ Session::Session(const Globals& globals)
 Session::~Session() {
     mHandles.clear();
     if (mLibrary) settle();
+    // The library outlives the session in a process that runs several.
+    diag_host_set_sink(discardDiag, nullptr);
 }
 
 void Session::startLibrary() {
     if (mLibrary) return;
     // The diagnostics channel, whose lines pass through here, rather than
     // the Android log, which writes to the terminal itself.
-    diag_host_set_sink(mGlobals.log ? printDiag : discardDiag, nullptr);
+    // The modem's passwords are known before the library logs its table.
+    mSecrets.learnFromModem(modemProfiles());
+    diag_host_set_sink(mGlobals.log ? printDiag : discardDiag, &mSecrets);
     mManager.init(mGlobals.instance, /*adbLog=*/false);
     waitForLibrary();
     {

@@ -65,6 +65,8 @@ class Session {
 
     // What the library's requests for this run came to.
     RequestLedger& ledger() { return mLedger; }
+    // The passwords met in this run, hidden in whatever it prints.
+    Secrets& secrets() { return mSecrets; }
     // The command fails when a request of its own failed since the last
     // check, saying which and why.
     void requireDone(const std::string& command);
@@ -93,6 +95,7 @@ class Session {
     std::string describe(const FailedRequest& failed) const;
 
     Globals mGlobals;
+    Secrets mSecrets;
     RequestLedger mLedger;
     std::unique_ptr<EmbeddedModem> mEmbedded;
     std::optional<xalremote::ServiceControl> mControl;

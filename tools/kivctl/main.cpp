@@ -3,21 +3,23 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <iostream>
 
+#include "FdOutput.h"
 #include "Kivctl.h"
 
 int main(int argc, char** argv) {
     // A state file that outgrows the size limit is a failed save to report.
     signal(SIGXFSZ, SIG_IGN);
-    const int status = kivctl::run(std::vector<std::string>(argv + 1, argv + argc), std::cin,
-                                   std::cout, std::cerr);
-    // The library's shutdown at exit writes a trace line to standard output;
-    // the tool's own output is complete here and must stay machine-readable.
-    std::cout.flush();
-    fflush(stdout);
+    // kivctl keeps standard output for itself; the library's own line on it
+    // (written when its worker stops) goes nowhere.
+    android::base::unique_fd mine(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
     android::base::unique_fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    if (null.get() >= 0) dup2(null.get(), STDOUT_FILENO);
-    return status;
+    if (mine.get() < 0 || null.get() < 0 || dup2(null.get(), STDOUT_FILENO) < 0) {
+        std::cerr << "kivctl: cannot set up standard output\n";
+        return 1;
+    }
+    kivctl::FdOutput output(std::move(mine));
+    std::ostream out(&output);
+    return kivctl::run(std::vector<std::string>(argv + 1, argv + argc), std::cin, out, std::cerr);
 }
