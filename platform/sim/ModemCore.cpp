@@ -535,6 +535,18 @@ Table ModemCore::table() const {
     return mTable;
 }
 
+Table ModemCore::fitting(const Table& table) const {
+    kiv::MutexLock guard(mLock);
+    Table fits;
+    for (const auto& [slot, settings] : table) {
+        const auto [first, last] = indexRange(slot.first, mConfig);
+        if (knownType(slot.first) && slot.second >= first && slot.second <= last) {
+            fits.emplace(slot, settings);
+        }
+    }
+    return fits;
+}
+
 int ModemCore::seedProfile(wds_profile_type_enum_v01 type, const Settings& settings) {
     kiv::MutexLock guard(mLock);
     return createProfileLocked(type, settings);

@@ -159,6 +159,8 @@ class ModemCore {
     // any other), refused as replaceTable() refuses.
     bool restoreTable(const Table& table, std::string* error = nullptr);
     Table table() const;
+    // The profiles of a table that this modem has room for, by index.
+    Table fitting(const Table& table) const;
     // Stores a profile at the lowest free index of its type, without any
     // indication. Returns the index, or -1 when the type is full or unknown.
     int seedProfile(wds_profile_type_enum_v01 type, const Settings& settings);

@@ -6,13 +6,11 @@
 //
 //     {"format": "kivr-modem-state", "version": 2, "profiles": [...]}
 //
-// A truncated file is not a JSON document and is refused. Files of the
-// earlier text format ("[profile 3gpp 1]" sections) still load; the next
-// save writes JSON.
+// A truncated file is not a JSON document and is refused.
 //
 // Whoever opens the file holds an exclusive lock on it ("FILE.lock" beside
-// it) until the StateFile is destroyed, so that two processes never work on
-// one table. A save writes a new file beside the old one and renames it
+// it, removed when let go) until the StateFile is destroyed, so that two
+// processes never work on one table. A save writes a new file beside the old one and renames it
 // over: never half-written, never through a symlink at the temporary name;
 // it keeps the file's mode (new files are 0600, as the table holds
 // passwords), and a symlinked state file has its target updated.
@@ -22,8 +20,10 @@
 #include <android-base/unique_fd.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 
+#include "LockFile.h"
 #include "ModemCore.h"
 
 namespace xalsim {
@@ -42,16 +42,16 @@ class StateFile {
     android::base::Result<Table> load() const;
     android::base::Result<void> save(const Table& table) const;
 
-    // The file's text for a table, and back (either format).
+    // The file's text for a table, and back.
     static std::string serialize(const Table& table);
     static android::base::Result<Table> parse(const std::string& text);
 
   private:
-    StateFile(std::string path, android::base::unique_fd lock)
+    StateFile(std::string path, std::optional<kiv::LockFile> lock)
         : mPath(std::move(path)), mLock(std::move(lock)) {}
 
     std::string mPath;
-    android::base::unique_fd mLock;
+    std::optional<kiv::LockFile> mLock;  // none: a table that may only be read
 };
 
 }  // namespace xalsim

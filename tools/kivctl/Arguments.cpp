@@ -76,7 +76,7 @@ Arguments Arguments::parse(const std::vector<std::string>& words,
             throw UsageError("option " + name + " needs " + option->value + " (write " + name +
                              "=VALUE for a value that starts with '-')");
         }
-        if (value && value->empty()) {
+        if (value && value->empty() && !option->mayBeEmpty) {
             throw UsageError("option " + name + " needs " + option->value + ", not an empty word");
         }
         result.mValues[name] = std::move(value);

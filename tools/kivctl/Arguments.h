@@ -9,9 +9,10 @@
 namespace kivctl {
 
 struct KnownOption {
-    const char* name;   // "--apn"
-    const char* value;  // what the value is called in help ("NAME"); null for a flag
-    const char* help;   // one line
+    const char* name;         // "--apn"
+    const char* value;        // what the value is called in help ("NAME"); null for a flag
+    const char* help;         // one line
+    bool mayBeEmpty = false;  // "--apn=" or --apn "" means an empty value, not a mistake
 };
 
 // Options are written "--name value" or "--name=value"; a value is never

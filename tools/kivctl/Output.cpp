@@ -174,16 +174,18 @@ void printProfiles(std::ostream& out, const std::vector<ProfileView>& views) {
     rows.push_back(header);
     for (const auto& view : views) {
         const kiv::ProfileParams& p = view.params;
-        std::vector<std::string> row = {std::to_string(view.id),
-                                        techName(view.tech),
-                                        cell(p.hasApnName(), p.getApnName(), printable),
-                                        cell(p.hasHomeIPType(), p.getHomeIPType(), ipName),
-                                        cell(p.hasRoamIPType(), p.getRoamIPType(), ipName),
-                                        cell(p.hasApnTypesMask(), p.getApnTypesMask(),
-                                             [](uint32_t mask) { return joined(typeNames(mask)); }),
-                                        cell(p.hasAuthType(), p.getAuthType(), authName),
-                                        cell(p.hasApnClass(), p.getApnClass(), className),
-                                        joined(flagsOf(view))};
+        std::vector<std::string> row = {
+                std::to_string(view.id),
+                techName(view.tech),
+                cell(p.hasApnName(), p.getApnName(),
+                     [](const std::string& apn) { return apn.empty() ? "\"\"" : printable(apn); }),
+                cell(p.hasHomeIPType(), p.getHomeIPType(), ipName),
+                cell(p.hasRoamIPType(), p.getRoamIPType(), ipName),
+                cell(p.hasApnTypesMask(), p.getApnTypesMask(),
+                     [](uint32_t mask) { return joined(typeNames(mask)); }),
+                cell(p.hasAuthType(), p.getAuthType(), authName),
+                cell(p.hasApnClass(), p.getApnClass(), className),
+                joined(flagsOf(view))};
         if (withHandles)
             row.insert(row.begin(), view.handle ? "#" + std::to_string(view.handle) : "");
         rows.push_back(std::move(row));
@@ -199,12 +201,14 @@ void printProfile(std::ostream& out, const ProfileView& view, const nlohmann::js
     auto line = [&rows](const char* name, bool present, const std::string& value) {
         if (present) rows.push_back({"  " + std::string(name), value});
     };
-    line("apn", p.hasApnName(), printable(p.getApnName()));
+    // Empty text is shown as such, not as nothing.
+    auto text = [](const std::string& value) { return value.empty() ? "\"\"" : printable(value); };
+    line("apn", p.hasApnName(), text(p.getApnName()));
     line("home ip", p.hasHomeIPType(), ipName(p.getHomeIPType()));
     line("roam ip", p.hasRoamIPType(), ipName(p.getRoamIPType()));
     line("types", p.hasApnTypesMask(), joined(typeNames(p.getApnTypesMask())));
     line("auth", p.hasAuthType(), authName(p.getAuthType()));
-    line("user", p.hasUserName(), printable(p.getUserName()));
+    line("user", p.hasUserName(), text(p.getUserName()));
     line("password", p.hasPassword(), "(hidden)");
     line("class", p.hasApnClass(), className(p.getApnClass()));
     line("max conns", p.hasMaxPdnsConnPerBlock(), std::to_string(p.getMaxPdnsConnPerBlock()));

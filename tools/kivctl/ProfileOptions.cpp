@@ -89,14 +89,15 @@ std::string readTextOption(const std::string& text, const std::string& option, s
 
 const std::vector<KnownOption>& profileOptions() {
     static const std::vector<KnownOption> kOptions = {
-            {"--apn", "NAME", "the access point name (at most 150 bytes)"},
-            {"--user", "NAME", "user name (at most 127 bytes)"},
-            {"--password", "TEXT", "password (at most 127 bytes)"},
+            {"--apn", "NAME", "the access point name (at most 150 bytes; --apn= for none)", true},
+            {"--user", "NAME", "user name (at most 127 bytes; --user= clears it)", true},
+            {"--password", "TEXT", "password (at most 127 bytes; --password= clears it)", true},
             {"--auth", "none|pap|chap|pap_chap", "authentication"},
             {"--ip", "v4|v6|v4v6", "home IP type"},
             {"--roam-ip", "v4|v6|v4v6", "roaming IP type (3GPP)"},
             {"--types", "LIST",
-             "APN types: default,mms,supl,dun,hipri,fota,ims,cbs,ia,emergency,mcx,xcap"},
+             "APN types: default,mms,supl,dun,hipri,fota,ims,cbs,ia,emergency,mcx,xcap,\n"
+             "                        or none"},
             {"--class", "ims|admn|inet|app", "APN class"},
             {"--clat", "on|off", "464XLAT"},
             {"--disabled", "on|off", "the APN disabled (3GPP)"},
@@ -157,6 +158,7 @@ void readProfileOptions(const Arguments& args, kiv::ProfileParams& p, TechType t
     if (auto v = args.value("--types")) {
         uint32_t mask = 0;
         for (const auto& name : android::base::Split(*v, ",")) {
+            if (name == "none" && *v == "none") break;  // no type at all
             auto bit = apnTypeByName(name);
             if (!bit) throw UsageError("unknown APN type " + quote(name) + " for --types");
             mask |= *bit;

@@ -1,5 +1,7 @@
 #include "RequestLedger.h"
 
+#include <algorithm>
+
 #include "ModemCore.h"
 #include "XalRemote.h"
 #include "xal/wds_v01.h"
@@ -120,6 +122,12 @@ std::vector<FailedRequest> RequestLedger::takeFailures() {
 bool RequestLedger::hasFailures() {
     kiv::MutexLock guard(mState->lock);
     return !mState->failures.empty();
+}
+
+bool RequestLedger::onlyUnsent() {
+    kiv::MutexLock guard(mState->lock);
+    return std::all_of(mState->failures.begin(), mState->failures.end(),
+                       [](const FailedRequest& failed) { return !failed.sent; });
 }
 
 size_t RequestLedger::accepted(unsigned int msgId) {

@@ -62,6 +62,8 @@ class RequestLedger {
     // The command's failed requests since the last call.
     std::vector<FailedRequest> takeFailures();
     bool hasFailures();
+    // Whether every failure so far is a request never sent (the service away).
+    bool onlyUnsent();
     // Requests of a kind the modem accepted, so far.
     size_t accepted(unsigned int msgId);
 

@@ -210,9 +210,10 @@ void Session::catchUp(const std::string& command) {
             settle();
         }
         if (!mLedger.hasFailures()) return;
-        // The table was not read whole (the service went away meanwhile):
-        // read again, or say why not before anything is changed.
-        if (attempt == 3) requireDone(command);
+        // The table was not read whole. When the service went away meanwhile
+        // it is read again once it is back; what the modem refused or left
+        // unanswered fails the command before anything is changed.
+        if (attempt == 3 || !mLedger.onlyUnsent()) requireDone(command);
         mLedger.takeFailures();
         if (xalremote::registeredClients() == 0) waitForLibrary();
         const auto reading = mLedger.reading();

@@ -140,12 +140,12 @@ Result<void> ModemServer::listen(const std::string& path) {
 
     // Whoever holds the lock owns the socket path; a socket found there
     // without a holder was left by a service that died.
-    const std::string lockPath = path + ".lock";
-    unique_fd lock(TEMP_FAILURE_RETRY(
-            open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
-    if (lock.get() < 0) return ErrnoError() << "cannot open " << lockPath;
-    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        return Error() << "another kivmodemd serves " << path;
+    auto lock = kiv::LockFile::tryLock(path + ".lock", nullptr);
+    if (!lock.ok()) {
+        if (lock.error().code() == EWOULDBLOCK) {
+            return Error() << "another kivmodemd serves " << path;
+        }
+        return android::base::unexpected(lock.error());
     }
     struct stat info;
     if (lstat(path.c_str(), &info) == 0) {
@@ -164,7 +164,7 @@ Result<void> ModemServer::listen(const std::string& path) {
     if (chmod(path.c_str(), 0600) != 0) return ErrnoError() << "cannot set the mode of " << path;
     if (::listen(listener.get(), SOMAXCONN) != 0)
         return ErrnoError() << "cannot listen on " << path;
-    mSocketLock = std::move(lock);
+    mSocketLock.emplace(std::move(*lock));
     mListener = std::move(listener);
     watch(mListener.get(), kListenKey, EPOLLIN);
     return {};

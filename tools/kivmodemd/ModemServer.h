@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "LockFile.h"
 #include "ModemCore.h"
 #include "Mutex.h"
 #include "ServiceWire.h"
@@ -137,7 +138,7 @@ class ModemServer {
     android::base::unique_fd mEpoll;
     android::base::unique_fd mWake;  // stop(), adopt() and events posted by other threads
     android::base::unique_fd mListener;
-    android::base::unique_fd mSocketLock;
+    std::optional<kiv::LockFile> mSocketLock;
     std::string mSocketPath;
 
     // Events the modem raised, waiting for the service thread.

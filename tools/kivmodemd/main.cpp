@@ -124,7 +124,13 @@ int main(int argc, char** argv) {
         if (!loaded.ok()) return fail(kBadInput, loaded.error().message());
         table = std::move(*loaded);
     } else {
-        table = xalsim::factoryTable();
+        // A new modem ships with the factory profiles it has room for.
+        const xalsim::Table factory = xalsim::factoryTable();
+        table = modem.fitting(factory);
+        if (table.size() != factory.size()) {
+            logLine("a new modem with room for " + std::to_string(table.size()) + " of the " +
+                    std::to_string(factory.size()) + " factory profiles starts with those");
+        }
     }
     std::string why;
     if (!modem.replaceTable(table, &why)) return fail(kBadInput, state->path() + ": " + why);
