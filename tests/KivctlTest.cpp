@@ -221,25 +221,38 @@ TEST(ApnsConfTest, EntryValuesMappedOrWarnedAbout) {
         <apn carrier="unset" apn="e" authtype="-1" />
         <apn carrier="bad" apn="f" authtype="4" protocol="IPX" roaming_protocol="v4"
              type="default,warp" wait_time="soon" />
-        <apn carrier="word" apn="g" authtype="pap" />
+        <apn carrier="word" apn="g" authtype="pap" type="default" />
+        <apn carrier="named" apn="h" type="*,ia" />
         </apns>)";
     const auto read = ApnsConf::read(path, std::nullopt);
     remove(path.c_str());
     ASSERT_TRUE(read.ok) << read.error;
-    ASSERT_EQ(read.entries.size(), 7u);
+    ASSERT_EQ(read.entries.size(), 8u);
     std::vector<std::string> dumps;
-    for (const auto& entry : read.entries) dumps.push_back(entry.params.dump());
+    std::vector<bool> anyType;
+    for (const auto& entry : read.entries) {
+        dumps.push_back(entry.params.dump());
+        anyType.push_back(entry.anyType);
+    }
+    // No type, or "*": every use but attach and emergency, which an entry names.
+    const std::string anyUse = "DEFAULT|MMS|SUPL|DUN|HIPRI|FOTA|IMS|CBS|MCX|XCAP|";
     EXPECT_EQ(dumps, (std::vector<std::string>{
-                             "ApnName=a,AuthType=NONE,HomeIPType=V4,RoamIPType=V6,",
+                             "ApnName=a,AuthType=NONE,HomeIPType=V4,RoamIPType=V6,ApnTypesMask=" +
+                                     anyUse + ",",
                              "ApnName=b,AuthType=PAP,HomeIPType=V6,ApnTypesMask=DEFAULT|MMS|,",
-                             "ApnName=c,AuthType=CHAP,HomeIPType=V4V6,ApnTypesMask=DEFAULT|MMS|"
-                             "SUPL|DUN|HIPRI|FOTA|IMS|CBS|IA|EMERGENCY|MCX|XCAP|,",
-                             "ApnName=d,AuthType=PAP_CHAP,MaxPdnsConnPerBlock=20,"
-                             "MaxPdnConnTimer=300,PdnReqWaitInterval=5,",
-                             "ApnName=e,",
+                             "ApnName=c,AuthType=CHAP,HomeIPType=V4V6,ApnTypesMask=" + anyUse +
+                                     ",",
+                             "ApnName=d,AuthType=PAP_CHAP,ApnTypesMask=" + anyUse +
+                                     ",MaxPdnsConnPerBlock=20,MaxPdnConnTimer=300,"
+                                     "PdnReqWaitInterval=5,",
+                             "ApnName=e,ApnTypesMask=" + anyUse + ",",
                              "ApnName=f,ApnTypesMask=DEFAULT|,",
-                             "ApnName=g,",
+                             "ApnName=g,ApnTypesMask=DEFAULT|,",
+                             "ApnName=h,ApnTypesMask=DEFAULT|MMS|SUPL|DUN|HIPRI|FOTA|IMS|CBS|IA|"
+                             "MCX|XCAP|,",
                      }));
+    EXPECT_EQ(anyType,
+              (std::vector<bool>{true, false, true, true, true, false, false, true}));
     EXPECT_EQ(read.warnings,
               (std::vector<std::string>{"'bad' (/): unknown APN type 'warp' skipped",
                                         "'bad' (/): unknown protocol 'IPX' skipped",

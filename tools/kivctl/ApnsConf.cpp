@@ -29,6 +29,9 @@ std::optional<std::string> attribute(xmlNode* node, const char* name) {
     return text;
 }
 
+// Every APN type but those an entry must name to get: attach and emergency.
+constexpr uint32_t kAnyUse = 0xFFF & ~(kiv::APN_TYPE_IA | kiv::APN_TYPE_EMERGENCY);
+
 std::optional<kiv::IPType> protocolByName(const std::string& name) {
     if (name == "IP") return kiv::IPType::V4;
     if (name == "IPV6") return kiv::IPType::V6;
@@ -58,12 +61,22 @@ ApnEntry toEntry(xmlNode* node, std::vector<std::string>& warnings) {
     kiv::ProfileParams& p = entry.params;
 
     if (auto apn = attribute(node, "apn")) p.setApnName(*apn);
-    if (auto types = attribute(node, "type")) {
+    // Android's telephony reads an entry without a type, and the type "*",
+    // as an APN for any use; it does not attach through such an APN nor
+    // place emergency calls on it unless the entry says so.
+    auto types = attribute(node, "type");
+    if (!types || android::base::Trim(*types).empty()) {
+        entry.anyType = true;
+        p.setApnTypesMask(kAnyUse);
+    } else {
         uint32_t mask = 0;
         for (auto name : android::base::Split(*types, ",")) {
             name = android::base::Trim(name);
             if (name.empty()) continue;
-            if (auto bit = apnTypeByName(name)) {
+            if (name == "*") {
+                entry.anyType = true;
+                mask |= kAnyUse;
+            } else if (auto bit = apnTypeByName(name)) {
                 mask |= *bit;
             } else {
                 warn("unknown APN type '" + name + "' skipped");

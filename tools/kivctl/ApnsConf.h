@@ -35,6 +35,9 @@ struct ApnEntry {
     std::string mcc;
     std::string mnc;
     kiv::ProfileParams params;
+    // Its type was "*" or none: read as every APN type but ia and
+    // emergency, which an entry must name, as Android's telephony does.
+    bool anyType = false;
 };
 
 struct ApnsConfResult {

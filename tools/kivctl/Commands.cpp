@@ -355,7 +355,7 @@ std::shared_ptr<kiv::IProfileKey> Commands::resolve(const std::string& word,
 }
 
 int Commands::report(const std::string& action, const std::shared_ptr<kiv::IProfileKey>& key,
-                     const ProfileParams* asked) {
+                     const ProfileParams* asked, const Outcome* outcome) {
     requireAnswered();
     if (!key) throw Refused(mCommand + ": the library refused (kivctl --log tells more)");
     const int number = mInShell ? mSession.keep(key) : 0;
@@ -376,13 +376,87 @@ int Commands::report(const std::string& action, const std::shared_ptr<kiv::IProf
         v.params = *asked;
     }
     if (mGlobals.json) {
-        printJson(mOut, {{"action", action}, {"profile", profileJson(v)}});
+        ordered_json document = {{"action", action}, {"profile", profileJson(v)}};
+        if (outcome != nullptr) document.update(outcome->json);
+        printJson(mOut, document);
     } else {
         mOut << action << ": profile " << v.id << " (" << techName(v.tech) << ")";
         if (number) mOut << " as #" << number;
         mOut << "\n";
+        if (outcome != nullptr) {
+            for (const auto& line : outcome->lines) mOut << "  " << line << "\n";
+        }
     }
     return kOk;
+}
+
+Commands::Snapshot Commands::snapshot() {
+    Snapshot all;
+    for (const auto& key : manager().filter(FilterProfileParams())) {
+        if (auto params = manager().getProfile(key)) {
+            all[{key->getTechType(), key->getProfileId()}] = *params;
+        }
+    }
+    return all;
+}
+
+Commands::Outcome Commands::policyOutcome(const std::shared_ptr<kiv::IProfileKey>& key,
+                                          const ProfileParams& asked, const Snapshot& before) {
+    Outcome outcome;
+    if (!key) return outcome;
+    const auto now = manager().getProfile(key);
+    if (!now) return outcome;
+    auto shown = [](const ShownField& field, const ProfileParams& params) {
+        return field.text(params).value_or("-");
+    };
+    const auto was = before.find({key->getTechType(), key->getProfileId()});
+    const bool created = was == before.end();
+    outcome.json["created"] = created;
+    outcome.json["changed"] = ordered_json::array();
+    outcome.json["notAsAsked"] = ordered_json::array();
+    if (created) {
+        const bool temporary = !now->getIsIAProfile() && mCommand == "data-call";
+        outcome.json["temporary"] = temporary;
+        outcome.lines.push_back(std::string("created") +
+                                (!temporary ? ", persistent"
+                                 : mInShell ? ", temporary: it goes when its handle is dropped"
+                                            : ", temporary: it goes when this command ends"));
+    } else {
+        std::string changes;
+        for (const auto& field : shownFields()) {
+            if (field.same(was->second, *now)) continue;
+            outcome.json["changed"].push_back({{"field", field.name},
+                                               {"before", shown(field, was->second)},
+                                               {"after", shown(field, *now)}});
+            changes += std::string(changes.empty() ? "" : ", ") + field.name + " " +
+                       shown(field, was->second) + " -> " + shown(field, *now);
+        }
+        if (!changes.empty()) outcome.lines.push_back("changed: " + changes);
+    }
+    // What was asked for and the profile does not hold: the library's rules
+    // chose it all the same.
+    ProfileParams wanted = asked;
+    if (wanted.hasApnName()) wanted.setApnName(normalizedApn(wanted.getApnName()));
+    std::string unmet;
+    bool anything = false;
+    for (const auto& field : shownFields()) {
+        if (!field.text(wanted)) continue;
+        anything = true;
+        if (field.same(wanted, *now)) continue;
+        outcome.json["notAsAsked"].push_back({{"field", field.name},
+                                              {"asked", shown(field, wanted)},
+                                              {"holds", shown(field, *now)}});
+        unmet += std::string(unmet.empty() ? "" : ", ") + field.name + " " + shown(field, wanted) +
+                 " (it holds " + shown(field, *now) + ")";
+    }
+    if (!unmet.empty()) {
+        outcome.lines.push_back("not as asked: " + unmet + "; the library's rules chose it");
+    }
+    if (!anything && !created) {
+        outcome.lines.push_back(
+                "no profile options given: the first profile the library's rules accept");
+    }
+    return outcome;
 }
 
 int Commands::printViews(std::vector<ProfileView> views) {
@@ -400,18 +474,23 @@ int Commands::printViews(std::vector<ProfileView> views) {
     return kOk;
 }
 
-std::vector<ProfileView> Commands::viewsOf(const FilterProfileParams& filter, bool keepHandles) {
+std::vector<ProfileView> Commands::viewsOf(const std::vector<FilterProfileParams>& filters,
+                                           bool keepHandles,
+                                           const std::function<bool(const ProfileView&)>& accept) {
     for (int attempt = 1;; ++attempt) {
         const auto table = mSession.modemProfiles();
         std::vector<std::pair<std::shared_ptr<kiv::IProfileKey>, ProfileView>> found;
         bool reread = false;
-        for (const auto& key : manager().filter(filter)) {
-            found.emplace_back(key, mSession.view(key, table));
-            reread = reread || found.back().second.stale;
+        for (const auto& filter : filters) {
+            for (const auto& key : manager().filter(filter)) {
+                found.emplace_back(key, mSession.view(key, table));
+                reread = reread || found.back().second.stale;
+            }
         }
         if (!reread) {
             std::vector<ProfileView> views;
             for (auto& [key, view] : found) {
+                if (accept && !accept(view)) continue;
                 if (keepHandles) view.handle = mSession.keep(key);
                 views.push_back(std::move(view));
             }
@@ -426,7 +505,7 @@ std::vector<ProfileView> Commands::viewsOf(const FilterProfileParams& filter, bo
 }
 
 int Commands::list(const Arguments&) {
-    return printViews(viewsOf(FilterProfileParams(), /*keepHandles=*/false));
+    return printViews(viewsOf({FilterProfileParams()}, /*keepHandles=*/false));
 }
 
 int Commands::show(const Arguments& args) {
@@ -493,7 +572,23 @@ int Commands::find(const Arguments& args) {
     FilterProfileParams filter;
     readFilterOptions(args, filter);
     learnSecrets(filter);
-    return printViews(viewsOf(filter, /*keepHandles=*/mInShell));
+    std::vector<FilterProfileParams> filters = {filter};
+    // 3GPP2 profiles carry no names: none is the library's by its name, nor
+    // an attach profile, so "no" to either is every 3GPP2 profile that
+    // matches the rest (the library's own rule leaves them all out).
+    const bool notNamed = args.value("--kiv") == std::optional<std::string>("no") ||
+                          args.value("--attach-profile") == std::optional<std::string>("no");
+    const auto tech = techOption(args);
+    if (notNamed && tech != TechType::TECH_3GPP) {
+        FilterProfileParams threeGpp2;
+        readFilterOptions(args, threeGpp2, /*ignoreNames=*/true);
+        threeGpp2.setFilterByTechType(TechType::TECH_3GPP2);
+        filter.setFilterByTechType(TechType::TECH_3GPP);
+        filters = tech ? std::vector<FilterProfileParams>{threeGpp2}
+                       : std::vector<FilterProfileParams>{filter, threeGpp2};
+    }
+    return printViews(viewsOf(filters, /*keepHandles=*/mInShell,
+                              [&](const ProfileView& view) { return heldOff(args, view.params); }));
 }
 
 int Commands::attach(const Arguments& args) {
@@ -501,7 +596,10 @@ int Commands::attach(const Arguments& args) {
     ProfileParams params;
     readProfileOptions(args, params, TechType::TECH_3GPP);
     learnSecrets(params);
-    return report("attach profile", mSession.util().findOrCreateProfileForLteAttach(params));
+    const Snapshot before = snapshot();
+    const auto key = mSession.util().findOrCreateProfileForLteAttach(params);
+    const Outcome outcome = policyOutcome(key, params, before);
+    return report("attach profile", key, nullptr, &outcome);
 }
 
 int Commands::dataCall(const Arguments& args) {
@@ -510,8 +608,10 @@ int Commands::dataCall(const Arguments& args) {
     ProfileParams params;
     readProfileOptions(args, params, tech);
     learnSecrets(params);
-    return report("data-call profile",
-                  mSession.util().findOrCreateProfileForSetupDataCall(tech, params));
+    const Snapshot before = snapshot();
+    const auto key = mSession.util().findOrCreateProfileForSetupDataCall(tech, params);
+    const Outcome outcome = policyOutcome(key, params, before);
+    return report("data-call profile", key, nullptr, &outcome);
 }
 
 int Commands::emergency(const Arguments& args) {
@@ -519,8 +619,10 @@ int Commands::emergency(const Arguments& args) {
     ProfileParams params;
     readProfileOptions(args, params, TechType::TECH_3GPP);
     learnSecrets(params);
-    return report("emergency profile",
-                  mSession.util().findOrCreateProfileForEmergencyDataCall(params));
+    const Snapshot before = snapshot();
+    const auto key = mSession.util().findOrCreateProfileForEmergencyDataCall(params);
+    const Outcome outcome = policyOutcome(key, params, before);
+    return report("emergency profile", key, nullptr, &outcome);
 }
 
 namespace {
@@ -624,6 +726,8 @@ int Commands::applyApns(const Arguments& args) {
     requireAnswered();
     int skipped = 0;
     for (const auto& [reason, count] : read.skipped) skipped += count;
+    const size_t anyType = static_cast<size_t>(std::count_if(
+            read.entries.begin(), read.entries.end(), [](const ApnEntry& e) { return e.anyType; }));
     if (mGlobals.json) {
         ordered_json profiles = ordered_json::array();
         for (size_t i = 0; i < before.size() && i < after.size(); ++i) {
@@ -640,6 +744,7 @@ int Commands::applyApns(const Arguments& args) {
                          {"used", read.entries.size()},
                          {"skipped", read.skipped},
                          {"warnings", read.warnings.size()},
+                         {"anyType", anyType},
                          {"profilesUpdated", updates},
                          {"dryRun", dryRun},
                          {"profiles", profiles}});
@@ -654,6 +759,11 @@ int Commands::applyApns(const Arguments& args) {
     }
     mOut << (read.skipped.empty() ? "" : ")") << "; " << plural(read.warnings.size(), "warning")
          << "\n";
+    if (anyType != 0) {
+        mOut << anyType << (anyType == 1 ? " entry" : " entries")
+             << " with the type * or none, read as every type but "
+             << "ia and emergency (as Android does)\n";
+    }
     mOut << "modem profiles " << (dryRun ? "that would be updated: " : "updated: ") << updates
          << "\n";
     std::vector<std::vector<std::string>> rows = {

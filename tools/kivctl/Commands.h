@@ -1,7 +1,9 @@
 // kivctl's commands, each with its name, help and handler in one table.
 #pragma once
 
+#include <functional>
 #include <istream>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -81,14 +83,30 @@ class Commands {
     // A profile named by id (with --tech) or, in the shell, by handle.
     std::shared_ptr<kiv::IProfileKey> resolve(const std::string& word,
                                               std::optional<kiv::TechType> tech);
+    // What a policy command did beyond finding its profile, to be said with it.
+    struct Outcome {
+        std::vector<std::string> lines;
+        nlohmann::ordered_json json = nlohmann::ordered_json::object();
+    };
+    // Every profile as the library sees it, by technology and id.
+    using Snapshot = std::map<std::pair<kiv::TechType, int>, kiv::ProfileParams>;
+
     // A profile the command made or found. A key the library voided meanwhile
     // (it read the table anew) is shown with what was asked, when known.
     int report(const std::string& action, const std::shared_ptr<kiv::IProfileKey>& key,
-               const kiv::ProfileParams* asked = nullptr);
-    // The profiles matching a filter as the library sees them, kept as
-    // handles if asked. Keys that a reread voids between finding and reading
-    // them are found again.
-    std::vector<ProfileView> viewsOf(const kiv::FilterProfileParams& filter, bool keepHandles);
+               const kiv::ProfileParams* asked = nullptr, const Outcome* outcome = nullptr);
+    Snapshot snapshot();
+    // A policy command's profile against the table before it and what was
+    // asked: created (and whether it is temporary), changed (before and
+    // after), or chosen though it does not hold all that was asked.
+    Outcome policyOutcome(const std::shared_ptr<kiv::IProfileKey>& key,
+                          const kiv::ProfileParams& asked, const Snapshot& before);
+    // The profiles matching any of the filters as the library sees them (and
+    // `accept`, if given), kept as handles if asked. Keys that a reread voids between finding and
+    // reading them are found again.
+    std::vector<ProfileView> viewsOf(const std::vector<kiv::FilterProfileParams>& filters,
+                                     bool keepHandles,
+                                     const std::function<bool(const ProfileView&)>& accept = {});
     // A request of the command's own that the modem refused, did not answer
     // or never got fails the command (before it reports success).
     void requireAnswered();

@@ -136,6 +136,70 @@ ordered_json profileJson(const ProfileView& view) {
     return out;
 }
 
+namespace {
+
+template <auto Has, auto Get, typename Show>
+constexpr ShownField field(const char* name, Show) {
+    return {name,
+            [](const kiv::ProfileParams& p) -> std::optional<std::string> {
+                if (!(p.*Has)()) return std::nullopt;
+                return Show()((p.*Get)());
+            },
+            [](const kiv::ProfileParams& a, const kiv::ProfileParams& b) {
+                return (a.*Has)() == (b.*Has)() && (!(a.*Has)() || (a.*Get)() == (b.*Get)());
+            }};
+}
+
+struct Text {
+    std::string operator()(const std::string& value) const {
+        return value.empty() ? "\"\"" : printable(value);
+    }
+};
+struct Hidden {
+    std::string operator()(const std::string&) const { return "(hidden)"; }
+};
+struct Ip {
+    std::string operator()(kiv::IPType type) const { return ipName(type); }
+};
+struct Types {
+    std::string operator()(uint32_t mask) const { return joined(typeNames(mask)); }
+};
+struct Auth {
+    std::string operator()(kiv::AuthType type) const { return authName(type); }
+};
+struct Class {
+    std::string operator()(kiv::ApnClass apnClass) const { return className(apnClass); }
+};
+struct OnOff {
+    std::string operator()(bool on) const { return on ? "on" : "off"; }
+};
+struct Number {
+    std::string operator()(int value) const { return std::to_string(value); }
+};
+
+}  // namespace
+
+const std::vector<ShownField>& shownFields() {
+    using P = kiv::ProfileParams;
+    static const std::vector<ShownField> kFields = {
+            field<&P::hasApnName, &P::getApnName>("apn", Text()),
+            field<&P::hasHomeIPType, &P::getHomeIPType>("home ip", Ip()),
+            field<&P::hasRoamIPType, &P::getRoamIPType>("roam ip", Ip()),
+            field<&P::hasApnTypesMask, &P::getApnTypesMask>("types", Types()),
+            field<&P::hasAuthType, &P::getAuthType>("auth", Auth()),
+            field<&P::hasUserName, &P::getUserName>("user", Text()),
+            field<&P::hasPassword, &P::getPassword>("password", Hidden()),
+            field<&P::hasApnClass, &P::getApnClass>("class", Class()),
+            field<&P::hasIsClatEnabled, &P::getIsClatEnabled>("clat", OnOff()),
+            field<&P::hasIsApnDisabled, &P::getIsApnDisabled>("disabled", OnOff()),
+            field<&P::hasIsEmergencySupported, &P::getIsEmergencySupported>("emergency", OnOff()),
+            field<&P::hasMaxPdnsConnPerBlock, &P::getMaxPdnsConnPerBlock>("max conns", Number()),
+            field<&P::hasMaxPdnConnTimer, &P::getMaxPdnConnTimer>("max conns time", Number()),
+            field<&P::hasPdnReqWaitInterval, &P::getPdnReqWaitInterval>("wait time", Number()),
+    };
+    return kFields;
+}
+
 void printJson(std::ostream& out, const ordered_json& document) {
     out << document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <ostream>
 #include <set>
 #include <string>
@@ -27,6 +28,16 @@ struct ProfileView {
 std::vector<std::string> flagsOf(const ProfileView& view);
 
 nlohmann::ordered_json profileJson(const ProfileView& view);
+
+// One member of a profile record as kivctl shows it ("types", "default,supl");
+// none when the record does not hold it. A password shows as (hidden).
+struct ShownField {
+    const char* name;
+    std::optional<std::string> (*text)(const kiv::ProfileParams& params);
+    // Whether two records hold the same value (a password compared, not shown).
+    bool (*same)(const kiv::ProfileParams& a, const kiv::ProfileParams& b);
+};
+const std::vector<ShownField>& shownFields();
 // A profile's settings as the modem holds them, passwords hidden.
 nlohmann::json withoutSecrets(nlohmann::json settings);
 

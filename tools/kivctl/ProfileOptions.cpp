@@ -136,7 +136,8 @@ std::optional<TechType> techOption(const Arguments& args) {
     return std::nullopt;
 }
 
-void readProfileOptions(const Arguments& args, kiv::ProfileParams& p, TechType tech) {
+void readProfileOptions(const Arguments& args, kiv::ProfileParams& p, TechType tech,
+                        bool offIsUnset) {
     if (tech == TechType::TECH_3GPP2) {
         for (const char* option : k3gppOnly) {
             if (args.has(option)) {
@@ -166,11 +167,15 @@ void readProfileOptions(const Arguments& args, kiv::ProfileParams& p, TechType t
         p.setApnTypesMask(mask);
     }
     if (auto v = args.value("--class")) p.setApnClass(choose(*v, "--class", kClasses));
-    if (auto v = args.value("--clat")) p.setIsClatEnabled(choose(*v, "--clat", kSwitches));
-    if (auto v = args.value("--disabled")) p.setIsApnDisabled(choose(*v, "--disabled", kSwitches));
-    if (auto v = args.value("--emergency")) {
-        p.setIsEmergencySupported(choose(*v, "--emergency", kSwitches));
-    }
+    auto onOff = [&](const char* option, void (kiv::ProfileParams::*set)(bool)) {
+        auto v = args.value(option);
+        if (!v) return;
+        const bool on = choose(*v, option, kSwitches);
+        if (on || !offIsUnset) (p.*set)(on);
+    };
+    onOff("--clat", &kiv::ProfileParams::setIsClatEnabled);
+    onOff("--disabled", &kiv::ProfileParams::setIsApnDisabled);
+    onOff("--emergency", &kiv::ProfileParams::setIsEmergencySupported);
     if (auto v = args.value("--max-conns")) {
         p.setMaxPdnsConnPerBlock(parseNumber(*v, "--max-conns", 0, 65535));
     }
@@ -182,14 +187,16 @@ void readProfileOptions(const Arguments& args, kiv::ProfileParams& p, TechType t
     }
 }
 
-void readFilterOptions(const Arguments& args, kiv::FilterProfileParams& filter) {
+void readFilterOptions(const Arguments& args, kiv::FilterProfileParams& filter, bool ignoreNames) {
     // A filter may ask for what a 3GPP2 profile lacks: such a profile just
-    // does not match.
-    readProfileOptions(args, filter, TechType::TECH_3GPP);
+    // does not match. A switch asked off is left to offSwitches().
+    readProfileOptions(args, filter, TechType::TECH_3GPP, /*offIsUnset=*/true);
     if (auto v = args.value("--id")) filter.setFilterByProfileId(parseNumber(*v, "--id", 1, 255));
     if (auto tech = techOption(args)) filter.setFilterByTechType(*tech);
-    if (auto v = args.value("--kiv")) filter.setFilterByIsKivProfile(choose(*v, "--kiv", kAnswers));
-    if (auto v = args.value("--attach-profile")) {
+    if (auto v = args.value("--kiv"); v && !ignoreNames) {
+        filter.setFilterByIsKivProfile(choose(*v, "--kiv", kAnswers));
+    }
+    if (auto v = args.value("--attach-profile"); v && !ignoreNames) {
         filter.setFilterByIsIAProfile(choose(*v, "--attach-profile", kAnswers));
     }
     const std::pair<const char*, uint32_t> kCriteria[] = {
@@ -231,6 +238,34 @@ std::optional<uint32_t> apnTypeByName(const std::string& name) {
         if (folded == type.name) return type.value;
     }
     return std::nullopt;
+}
+
+std::string normalizedApn(const std::string& apn) {
+    std::string lower = apn;
+    for (char& c : lower) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return lower;
+}
+
+bool heldOff(const Arguments& args, const kiv::ProfileParams& params) {
+    const struct {
+        const char* option;
+        bool (kiv::ProfileParams::*has)() const;
+        bool (kiv::ProfileParams::*get)() const;
+    } kSwitchFields[] = {
+            {"--clat", &kiv::ProfileParams::hasIsClatEnabled,
+             &kiv::ProfileParams::getIsClatEnabled},
+            {"--disabled", &kiv::ProfileParams::hasIsApnDisabled,
+             &kiv::ProfileParams::getIsApnDisabled},
+            {"--emergency", &kiv::ProfileParams::hasIsEmergencySupported,
+             &kiv::ProfileParams::getIsEmergencySupported},
+    };
+    for (const auto& field : kSwitchFields) {
+        if (args.value(field.option) != std::optional<std::string>("off")) continue;
+        if ((params.*field.has)() && (params.*field.get)()) return false;
+    }
+    return true;
 }
 
 }  // namespace kivctl
