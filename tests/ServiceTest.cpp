@@ -86,7 +86,7 @@ TEST_F(ServiceTest, OtherProcessChangesArriveAsForeignChanges) {
     const auto watched = watch->finish();
     EXPECT_EQ(watched.status, 0) << watched.err;
     EXPECT_NE(
-            watched.out.find("{\"event\":\"create\",\"type\":\"3gpp\",\"index\":5,\"settings\":{"),
+            watched.out.find("{\"event\":\"create\",\"tech\":\"3gpp\",\"id\":5,\"settings\":{"),
             std::string::npos)
             << watched.out;
     EXPECT_NE(watched.out.find("\"apn_name\":\"from.here\""), std::string::npos);
@@ -145,7 +145,11 @@ TEST_F(ServiceTest, KilledClientsTemporariesReclaimedByAnotherProcess) {
     EXPECT_EQ(apns.count("left.behind"), 0u);
     EXPECT_EQ(apns.count("kept.for.good"), 1u);
     EXPECT_EQ(apns.count("mine"), 1u);
-    EXPECT_EQ(onService({"reclaim"}).out,
+    const auto unconfirmed = onService({"reclaim"});
+    EXPECT_EQ(unconfirmed.status, 2);
+    EXPECT_NE(unconfirmed.err.find("--force deletes them"), std::string::npos) << unconfirmed.err;
+    EXPECT_EQ(apnsOnTheModem().count("mine"), 1u);
+    EXPECT_EQ(onService({"reclaim", "--force"}).out,
               "1 temporary profile deleted:\n"
               "ID  TECH  APN   HOME  ROAM  TYPES  AUTH  CLASS  FLAGS\n"
               "6   3gpp  mine  -     -     -      -     -      library\n");

@@ -4,9 +4,12 @@
 //
 // Commands and answers are JSON objects, {"op": NAME, ...} and
 // {"ok": true|false, "error": "...", ...}:
-//   status                         service up, capacity, latency, clients, counters
+//   status                         service up, capacity, latency, clients, counters,
+//                                  faults still to come
 //   profiles                       the table, one object per profile (SettingsJson.h)
 //   restart | down | up | reset    the service; reset puts the factory table back
+//                                  and forgets the faults still to come
+//   clearFaults                    forgets the faults still to come
 //   fail {msgId, count, skip}      failure results for the next requests of a kind
 //   timeout {msgId, count}         no answer to the next requests of a kind
 //   failService {count}            xal_client_get_any_service fails

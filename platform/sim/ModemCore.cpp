@@ -482,6 +482,30 @@ void ModemCore::clearFaultsLocked() {
     mInjectedResponses.clear();
 }
 
+std::vector<ModemCore::PendingFault> ModemCore::pendingFaults() const {
+    kiv::MutexLock guard(mLock);
+    std::vector<PendingFault> faults;
+    for (const auto& [msgId, failures] : mFailures) {
+        faults.push_back({"fail", msgId, failures.count, failures.skip});
+    }
+    for (const auto& [msgId, count] : mTimeouts) {
+        if (count > 0) faults.push_back({"timeout", msgId, count, 0});
+    }
+    for (const auto& [msgId, count] : mTransportErrors) {
+        if (count > 0) faults.push_back({"transport", msgId, count, 0});
+    }
+    for (const auto& [msgId, bytes] : mInjectedResponses)
+        faults.push_back({"response", msgId, 1, 0});
+    const std::pair<const char*, int> kCounted[] = {{"service", mGetAnyServiceFailures},
+                                                    {"connect", mClientInitFailures},
+                                                    {"corrupt-list", mCorruptLists},
+                                                    {"corrupt-settings", mCorruptSettings}};
+    for (const auto& [kind, count] : kCounted) {
+        if (count > 0) faults.push_back({kind, 0, count, 0});
+    }
+    return faults;
+}
+
 Config ModemCore::config() const {
     kiv::MutexLock guard(mLock);
     return mConfig;

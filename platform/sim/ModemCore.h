@@ -209,6 +209,17 @@ class ModemCore {
     void corruptNextSettings(int count);  // strings without NUL
     // Forgets every failure still to come.
     void clearFaults();
+    // The failures still to come, each as what it does ("fail", "timeout",
+    // "transport", "service", "connect", "corrupt-list", "corrupt-settings",
+    // "response"), the message id it waits for (0: none), how many and
+    // after how many others of the kind.
+    struct PendingFault {
+        std::string kind;
+        unsigned int msgId;
+        int count;
+        int skip;
+    };
+    std::vector<PendingFault> pendingFaults() const;
     // The next response to msgId is these bytes, cut or zero-padded to the
     // caller's response length, whatever the request asked.
     void injectNextResponse(unsigned int msgId, std::vector<uint8_t> bytes);

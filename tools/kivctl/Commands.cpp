@@ -2,8 +2,10 @@
 
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <iostream>
 #include <list>
 #include <map>
 
@@ -144,14 +146,16 @@ const std::vector<Command>& commandTable() {
              true,
              &Commands::dump},
             {"reclaim",
-             "reclaim [--dry-run]",
+             "reclaim [--dry-run] [--force]",
              "delete the library's temporary profiles that nobody holds",
              "Deletes every non-persistent profile of the library (named kiv_profile or\n"
              "kiv_profile_ia) that this kivctl holds no handle on: what processes that died,\n"
              "rereads, and refused or failed releases leave on the modem. On the modem\n"
-             "service that includes the temporaries of every other client: only the\n"
-             "process that owns the library's profiles on a modem should reclaim them.\n",
-             {{"--dry-run", nullptr, "list them, delete nothing"}},
+             "service that includes the temporaries of every other client, live ones too:\n"
+             "only the process that owns the library's profiles on a modem should reclaim\n"
+             "them, and there it takes --force.\n",
+             {{"--dry-run", nullptr, "list them, delete nothing"},
+              {"--force", nullptr, "on the modem service: delete other clients' too"}},
              0,
              0,
              true,
@@ -172,16 +176,18 @@ const std::vector<Command>& commandTable() {
              &Commands::watch},
             {"modem",
              "modem ACTION",
-             "restart, reset, down, up, status; fault injection",
+             "restart, reset, down, up, status; fault injection and clear",
              "  restart              the modem restarts: temporary profiles are lost, clients\n"
-             "                       reconnect and reread\n"
-             "  reset                the factory table back; every client rereads\n"
+             "                       reconnect and reread (faults to come stay)\n"
+             "  reset                the factory table back, no faults to come; every client\n"
+             "                       rereads\n"
              "  down | up            the modem's data service goes down, or comes back\n"
              "  status               service, capacity, latency, clients, requests\n"
              "  fail KIND [N]        the next N requests of a kind fail (KIND: create, modify,\n"
              "                       delete, list, get, bind, register, events or a message id;\n"
              "                       service: finding the service; connect: opening a client)\n"
              "  timeout KIND [N]     the next N requests of a kind get no answer\n"
+             "  clear                forgets every fault still to come (status lists them)\n"
              "  send subscription-change | profile-ready\n"
              "  send changed 3gpp|3gpp2|all INDEX EVENT   a profile-changed indication\n"
              "                       (EVENT: create, delete, modify, subscription-change,\n"
@@ -827,6 +833,13 @@ int Commands::watch(const Arguments& args) {
 int Commands::reclaim(const Arguments& args) {
     const bool dryRun = args.has("--dry-run");
     if (!mGlobals.modemSocket.empty()) {
+        // Other processes on the service may still hold what it would take.
+        if (!dryRun && !args.has("--force")) {
+            throw UsageError(
+                    "reclaim on the modem service deletes every client's temporary profiles, "
+                    "those of processes that still hold them too: --dry-run lists them, --force "
+                    "deletes them");
+        }
         mErr << "kivctl: warning: on the modem service this reclaims every client's temporary "
                 "profiles, not only kivctl's\n";
     }
@@ -863,16 +876,55 @@ void Commands::resyncLibrary() {
 
 namespace {
 
+const std::map<std::string, unsigned int> kKinds = {
+        {"create", XAL_WDS_CREATE_PROFILE_REQ_V01},
+        {"modify", XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01},
+        {"delete", XAL_WDS_DELETE_PROFILE_REQ_V01},
+        {"list", XAL_WDS_GET_PROFILE_LIST_REQ_V01},
+        {"get", XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01},
+        {"bind", XAL_WDS_BIND_SUBSCRIPTION_REQ_V01},
+        {"register", XAL_WDS_INDICATION_REGISTER_REQ_V01},
+        {"events", XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01}};
+
+// A request kind by its name, as "modem fail" takes it, and back.
+std::string kindOf(unsigned int msgId) {
+    for (const auto& [name, id] : kKinds) {
+        if (id == msgId) return name;
+    }
+    char hex[16];
+    snprintf(hex, sizeof(hex), "0x%02X", msgId);
+    return hex;
+}
+
+// One fault still to come, as "modem status" says it.
+std::string faultText(const nlohmann::json& fault) {
+    const std::string kind = fault.value("kind", "");
+    const int count = fault.value("count", 0);
+    const int skip = fault.value("skip", 0);
+    const std::string what = kindOf(fault.value("msgId", 0u));
+    const std::string next =
+            "the next " + (count == 1 ? std::string() : std::to_string(count) + " ");
+    std::string text;
+    if (kind == "fail") {
+        text = next + what + (count == 1 ? " fails" : " fail");
+    } else if (kind == "timeout") {
+        text = "no answer to " + next + what;
+    } else if (kind == "transport") {
+        text = next + what + " lost on the way";
+    } else if (kind == "service") {
+        text = "finding the service fails " + std::to_string(count) + "x";
+    } else if (kind == "connect") {
+        text = "opening a client fails " + std::to_string(count) + "x";
+    } else if (kind == "response") {
+        text = "the next " + what + " gets a response of its own";
+    } else {
+        text = kind + " " + std::to_string(count) + "x";
+    }
+    if (skip > 0) text += " after " + std::to_string(skip) + " more";
+    return text;
+}
+
 unsigned int messageIdOf(const std::string& kind) {
-    static const std::map<std::string, unsigned int> kKinds = {
-            {"create", XAL_WDS_CREATE_PROFILE_REQ_V01},
-            {"modify", XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01},
-            {"delete", XAL_WDS_DELETE_PROFILE_REQ_V01},
-            {"list", XAL_WDS_GET_PROFILE_LIST_REQ_V01},
-            {"get", XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01},
-            {"bind", XAL_WDS_BIND_SUBSCRIPTION_REQ_V01},
-            {"register", XAL_WDS_INDICATION_REGISTER_REQ_V01},
-            {"events", XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01}};
     auto it = kKinds.find(kind);
     if (it != kKinds.end()) return it->second;
     unsigned int id = 0;
@@ -973,9 +1025,18 @@ int Commands::modem(const Arguments& args) {
              << status.value("failedRequests", 0) << " failed)\n";
         const std::string error = status.value("commitError", std::string());
         if (!error.empty()) mOut << "last save: failed: " << error << "\n";
+        std::string faults;
+        for (const auto& fault : status.value("faults", nlohmann::json::array())) {
+            faults += (faults.empty() ? "" : "; ") + faultText(fault);
+        }
+        mOut << "faults:    " << (faults.empty() ? "none to come" : faults) << "\n";
         return kOk;
     }
-    if (action == "restart" || action == "reset" || action == "down" || action == "up") {
+    if (action == "clear") {
+        noMore(0);
+        command = {{"op", "clearFaults"}};
+        done = "no faults to come";
+    } else if (action == "restart" || action == "reset" || action == "down" || action == "up") {
         noMore(0);
         command = {{"op", action}};
         done = action == "restart" ? "restarted" : action == "reset" ? "reset" : action;
@@ -997,7 +1058,7 @@ int Commands::modem(const Arguments& args) {
         done = "sent " + words[0];
     } else {
         throw UsageError("unknown modem action " + quote(action) +
-                         " (restart|reset|down|up|status|fail|timeout|send)");
+                         " (restart|reset|down|up|status|fail|timeout|clear|send)");
     }
     mSession.call(command);
     if (action == "restart" || action == "reset" || action == "up") resyncLibrary();
@@ -1019,7 +1080,7 @@ int Commands::modem(const Arguments& args) {
 }
 
 int Commands::shell(const Arguments&) {
-    Shell shell(mSession, mIn, mOut, mErr);
+    Shell shell(mSession, mIn, mOut, mErr, &mIn == &std::cin && isatty(STDIN_FILENO));
     return shell.run();
 }
 

@@ -54,6 +54,46 @@ nlohmann::json withoutSecrets(nlohmann::json settings) {
     return settings;
 }
 
+ordered_json spelledSettings(const ordered_json& settings) {
+    // The modem's APN type bits, in the order kivctl lists types.
+    static const std::pair<uint64_t, const char*> kModemTypes[] = {
+            {0x1, "default"}, {0x4, "mms"},         {0x10, "supl"}, {0x8, "dun"},
+            {0x20, "hipri"},  {0x40, "fota"},       {0x2, "ims"},   {0x80, "cbs"},
+            {0x100, "ia"},    {0x200, "emergency"}, {0x800, "mcx"}, {0x400, "xcap"}};
+    auto named = [](const ordered_json& value, std::initializer_list<const char*> names,
+                    int offset = 0) -> ordered_json {
+        if (!value.is_number_integer()) return value;
+        const int64_t index = value.get<int64_t>() - offset;
+        return index >= 0 && index < static_cast<int64_t>(names.size())
+                       ? ordered_json(names.begin()[index])
+                       : value;
+    };
+    ordered_json out = ordered_json::object();
+    for (const auto& [name, value] : settings.items()) {
+        if (name == "pdp_type") {
+            out[name] = named(value, {"v4", "ppp", "v6", "v4v6"});
+        } else if (name == "pdn_type") {
+            out[name] = named(value, {"v4", "v6", "v4v6", "unspecified"});
+        } else if (name == "override_home_pdp_type" || name == "lte_roaming_pdp_type" ||
+                   name == "umts_roaming_pdp_type") {
+            out[name] = value == 255 ? ordered_json("unknown") : named(value, {"v4", "v6", "v4v6"});
+        } else if (name == "auth_protocol" || name == "pdn_level_auth_protocol") {
+            out[name] = named(value, {"none", "pap", "chap", "pap_chap"});
+        } else if (name == "authentication_preference") {
+            out[name] = named(value, {"none", "pap", "chap", "pap_chap"});
+        } else if (name == "apn_type_mask" && value.is_number_unsigned()) {
+            ordered_json types = ordered_json::array();
+            for (const auto& [bit, type] : kModemTypes) {
+                if (value.get<uint64_t>() & bit) types.push_back(type);
+            }
+            out["apn_types"] = std::move(types);
+        } else {
+            out[name] = value;
+        }
+    }
+    return out;
+}
+
 void Secrets::learn(const std::string& password) {
     if (password.empty()) return;
     kiv::MutexLock guard(mLock);

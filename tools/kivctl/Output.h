@@ -40,6 +40,10 @@ struct ShownField {
 const std::vector<ShownField>& shownFields();
 // A profile's settings as the modem holds them, passwords hidden.
 nlohmann::json withoutSecrets(nlohmann::json settings);
+// The same with the modem's enumerations and bit masks spelled as kivctl
+// spells them elsewhere: IP types "v4v6", APN types ["default","supl"] (the
+// modem's own bits, as its message definitions number them).
+nlohmann::ordered_json spelledSettings(const nlohmann::ordered_json& settings);
 
 // The passwords kivctl has met, so that none reaches what it prints: the
 // library's dump and log lines carry them (unless it was built secret-free).

@@ -32,6 +32,11 @@ std::optional<std::string> defaultStatePath() {
 
 namespace {
 
+// The library waits this long for every answer of the modem, and the
+// service answers only with this much of it left for the way back.
+constexpr int kLibraryRequestTimeoutMs = 1000;
+constexpr int kAnswerMarginMs = 100;
+
 void makeParentDirectories(const std::string& path) {
     for (size_t slash = path.find('/', 1); slash != std::string::npos;
          slash = path.find('/', slash + 1)) {
@@ -178,9 +183,18 @@ void Session::startLibrary() {
 }
 
 void Session::waitForLibrary() {
-    // A service that is down does not come up by waiting.
-    if (!status().value("serviceUp", true)) {
+    // A service that is down does not come up by waiting, nor does one
+    // slower than the library waits for an answer.
+    const auto now = status();
+    if (!now.value("serviceUp", true)) {
         throw Refused("the modem's data service is down (kivctl modem up brings it back)");
+    }
+    const int latency = now.value("latencyMs", 0);
+    if (latency >= kLibraryRequestTimeoutMs - kAnswerMarginMs) {
+        throw Refused("the modem takes " + std::to_string(latency) +
+                      " ms per request (kivmodemd --latency), more than the library's requests "
+                      "wait for an answer (" +
+                      std::to_string(kLibraryRequestTimeoutMs) + " ms): none would be answered");
     }
     if (!xalremote::waitForRegisteredClients(1, std::chrono::milliseconds(mGlobals.timeoutMs))) {
         throw Refused("the modem did not come up within " + std::to_string(mGlobals.timeoutMs) +
@@ -341,15 +355,23 @@ ProfileView Session::view(const std::shared_ptr<kiv::IProfileKey>& key, const nl
 }
 
 int Session::keep(std::shared_ptr<kiv::IProfileKey> key) {
+    const auto seen = mManager.getProfile(key);
+    const std::string apn = seen ? seen->getApnName() : std::string();
     for (auto& [number, held] : mHandles) {
         if (held->getTechType() != key->getTechType() ||
             held->getProfileId() != key->getProfileId()) {
             continue;
         }
-        // One handle per profile: a live one stays, a stale one takes the new key.
-        if (!mManager.getProfile(held)) held = std::move(key);
+        // One handle per profile: a live one stays. A stale one (the library
+        // read the table anew) takes the new key only if it is its profile
+        // still, by its APN; another profile at the index gets a handle of
+        // its own.
+        if (mManager.getProfile(held)) return number;
+        if (mHandleApns[number] != apn) continue;
+        held = std::move(key);
         return number;
     }
+    mHandleApns[mNextHandle] = apn;
     mHandles[mNextHandle] = std::move(key);
     return mNextHandle++;
 }

@@ -81,12 +81,16 @@ class Session {
     ProfileView view(const std::shared_ptr<kiv::IProfileKey>& key, const nlohmann::json& table,
                      int handle = 0);
 
-    // The shell's handles: one per profile, numbered from 1.
+    // The shell's handles: one per profile, numbered from 1; a number is
+    // never given to another profile.
     int keep(std::shared_ptr<kiv::IProfileKey> key);
     // The key of #N; bad input when there is none, refused when it no longer
     // names a profile (the modem restarted, was reset or reread).
     std::shared_ptr<kiv::IProfileKey> handle(int number);
-    bool drop(int number) { return mHandles.erase(number) != 0; }
+    bool drop(int number) {
+        mHandleApns.erase(number);
+        return mHandles.erase(number) != 0;
+    }
     const std::map<int, std::shared_ptr<kiv::IProfileKey>>& handles() const { return mHandles; }
 
   private:
@@ -103,6 +107,7 @@ class Session {
     bool mLibrary = false;
     kiv::Util mUtil;
     std::map<int, std::shared_ptr<kiv::IProfileKey>> mHandles;
+    std::map<int, std::string> mHandleApns;  // each handle's profile's APN when it was kept
     int mNextHandle = 1;
 };
 

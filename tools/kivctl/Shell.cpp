@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <map>
 
 #include "Commands.h"
 #include "Errors.h"
@@ -38,10 +39,28 @@ std::vector<std::string> Shell::split(const std::string& line) {
     return words;
 }
 
+namespace {
+
+// The shell's own commands, for its help.
+constexpr const char* kShellCommands =
+        "\nIn the shell also:\n"
+        "  handles       the handles kept, #1, #2, ... (one per profile)\n"
+        "  drop #N       lets go of a handle (a temporary profile goes with its last)\n"
+        "  exit          ends the shell (so does the end of the input)\n";
+
+}  // namespace
+
 int Shell::run() {
     int worst = kOk;
     std::string line;
-    for (int number = 1; std::getline(mIn, line); ++number) {
+    // A person at a terminal is asked for each line; what is printed stays
+    // the commands' own.
+    auto prompt = [this] {
+        if (!mInteractive) return;
+        mErr << "kivctl> ";
+        mErr.flush();
+    };
+    for (int number = 1; prompt(), std::getline(mIn, line); ++number) {
         // A line from a Windows editor ends in CR LF.
         if (!line.empty() && line.back() == '\r') line.pop_back();
         int status = kOk;
@@ -98,6 +117,22 @@ int Shell::runLine(const std::vector<std::string>& words) {
             mOut << "dropped #" << number << "\n";
         }
         return kOk;
+    }
+    if (name == "help" && rest.size() <= 1) {
+        static const std::map<std::string, std::string> kOwn = {
+                {"handles", "usage: handles\n  the handles kept, with their profiles\n"},
+                {"drop",
+                 "usage: drop #N\n  lets go of handle #N; a temporary profile goes with "
+                 "its last handle\n"},
+                {"exit", "usage: exit\n  ends the shell\n"}};
+        if (rest.empty()) {
+            printHelp(mOut, globals.json, usage() + kShellCommands);
+            return kOk;
+        }
+        if (auto own = kOwn.find(rest[0]); own != kOwn.end()) {
+            printHelp(mOut, globals.json, own->second);
+            return kOk;
+        }
     }
     const Command* command = findCommand(name);
     if (command == nullptr) {

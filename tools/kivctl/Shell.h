@@ -13,8 +13,10 @@ namespace kivctl {
 
 class Shell {
   public:
-    Shell(Session& session, std::istream& in, std::ostream& out, std::ostream& err)
-        : mSession(session), mIn(in), mOut(out), mErr(err) {}
+    // interactive: a person types the lines, and is asked for each.
+    Shell(Session& session, std::istream& in, std::ostream& out, std::ostream& err,
+          bool interactive)
+        : mSession(session), mIn(in), mOut(out), mErr(err), mInteractive(interactive) {}
 
     // Runs every line; the exit status is the worst of the lines'.
     int run();
@@ -31,6 +33,7 @@ class Shell {
     std::istream& mIn;
     std::ostream& mOut;
     std::ostream& mErr;
+    const bool mInteractive;
 };
 
 }  // namespace kivctl

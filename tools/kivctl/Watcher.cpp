@@ -136,15 +136,15 @@ nlohmann::ordered_json ChangeWatcher::describe(const Change& indication) {
     const int32_t event = record.profile_change_evt;
     change["event"] = event >= 1 && event <= 5 ? kEvents[event] : std::to_string(event);
     if (record.profile_type != WDS_PROFILE_TYPE_ALL_V01) {
-        change["type"] = xalsim::typeName(record.profile_type);
-        change["index"] = record.profile_index;
+        change["tech"] = xalsim::typeName(record.profile_type);
+        change["id"] = record.profile_index;
     }
     if (event == WDS_PROFILE_EVENT_CREATE_V01 || event == WDS_PROFILE_EVENT_MODIFY_V01) {
         if (auto held = settings({record.profile_type, record.profile_index})) {
             auto fields = xalsim::profileToJson({record.profile_type, record.profile_index}, *held);
             fields.erase("type");
             fields.erase("index");
-            change["settings"] = withoutSecrets(fields);
+            change["settings"] = spelledSettings(withoutSecrets(fields));
         }
     }
     return change;
@@ -152,8 +152,8 @@ nlohmann::ordered_json ChangeWatcher::describe(const Change& indication) {
 
 std::string changeLine(const nlohmann::ordered_json& change) {
     std::string line = change["event"].get<std::string>();
-    if (change.contains("type")) {
-        line += " " + change["type"].get<std::string>() + " " + change["index"].dump();
+    if (change.contains("tech")) {
+        line += " " + change["tech"].get<std::string>() + " " + change["id"].dump();
     }
     if (change.contains("msgId")) line += " " + change["msgId"].dump();
     if (change.contains("bytes")) line += " (" + change["bytes"].dump() + " bytes)";

@@ -597,6 +597,14 @@ void ModemServer::handleControl(Connection& connection, const Message& message) 
         answer["failedRequests"] = counters.failedRequests;
         answer["failedCommits"] = counters.failedCommits;
         answer["commitError"] = mModem.lastCommitError();
+        json faults = json::array();
+        for (const auto& fault : mModem.pendingFaults()) {
+            faults.push_back({{"kind", fault.kind},
+                              {"msgId", fault.msgId},
+                              {"count", fault.count},
+                              {"skip", fault.skip}});
+        }
+        answer["faults"] = std::move(faults);
     } else if (op == "profiles") {
         nlohmann::ordered_json list = nlohmann::ordered_json::array();
         for (const auto& [slot, settings] : mModem.table()) {
@@ -609,8 +617,12 @@ void ModemServer::handleControl(Connection& connection, const Message& message) 
     } else if (op == "down" || op == "up") {
         mModem.setServiceUp(op == "up");
         storeError(failedBefore);
+    } else if (op == "clearFaults") {
+        mModem.clearFaults();
     } else if (op == "reset") {
-        // The whole table changed: every client is told to read it again.
+        // The whole table changed: every client is told to read it again. A
+        // fresh modem has no faults to come either.
+        mModem.clearFaults();
         std::string why;
         if (mModem.restoreTable(xalsim::factoryTable(), &why)) {
             mModem.sendProfileReady();

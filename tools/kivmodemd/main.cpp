@@ -148,6 +148,11 @@ int main(int argc, char** argv) {
         if (!saved.ok()) logLine("change refused: " + saved.error().message());
         return saved;
     });
+    if (options.latency >= std::chrono::milliseconds(900)) {
+        logLine("--latency " + std::to_string(options.latency.count()) +
+                " ms: a request is answered only with a tenth of its time-out left, so the "
+                "library's requests (1000 ms) go unanswered");
+    }
     printf("kivmodemd: ready on %s (state %s, %zu profiles)\n", socketPath.c_str(),
            state->path().c_str(), table.size());
     fflush(stdout);
