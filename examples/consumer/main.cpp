@@ -5,10 +5,9 @@
 // the kivmodemd named by KIVR_MODEM.
 #include <Manager.h>
 #include <Util.h>
+#include <xal/xal_host.h>
 
-#include <chrono>
 #include <iostream>
-#include <thread>
 
 int main(int argc, char** argv) {
     const std::string apn = argc > 1 ? argv[1] : "example.internet";
@@ -16,20 +15,22 @@ int main(int argc, char** argv) {
     // The library logs to the Android log (on a Linux host: standard error).
     manager.init(/*param=*/0, /*adbLog=*/true);
 
+    // The library reaches the modem in the background. Both host messaging
+    // clients say when it has (on a device, the platform's service notifier
+    // does): wait for that, then read the table.
+    if (xal_host_wait_for_registration(/*timeout_msecs=*/5000) == 0) {
+        std::cerr << "the modem cannot be reached (is kivmodemd running, and KIVR_MODEM set?)\n";
+        return 1;
+    }
+    manager.refresh(kiv::PDC_REFRESH_COMPLETED);
+
     kiv::ProfileParams wanted;
     wanted.setApnName(apn);
     wanted.setHomeIPType(kiv::IPType::V4V6);
     kiv::Util util;
-    // The library connects to the modem in the background: until it has,
-    // reading the table and creating profiles fail. Try for a few seconds.
-    std::shared_ptr<kiv::IProfileKey> key;
-    for (int attempt = 0; attempt < 50 && !key; ++attempt) {
-        if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        manager.refresh(kiv::PDC_REFRESH_COMPLETED);
-        key = util.findOrCreateProfileForSetupDataCall(kiv::TechType::TECH_3GPP, wanted);
-    }
+    const auto key = util.findOrCreateProfileForSetupDataCall(kiv::TechType::TECH_3GPP, wanted);
     if (!key) {
-        std::cerr << "no profile for " << apn << ": is the modem up?\n";
+        std::cerr << "no profile for " << apn << " (the library's log says why)\n";
         return 1;
     }
     std::cout << "data call on " << apn << ": profile " << key->getProfileId() << "\n";

@@ -31,6 +31,7 @@
 #include "ServiceWire.h"
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
+#include "xal/xal_host.h"
 
 using android::base::unique_fd;
 using Clock = std::chrono::steady_clock;
@@ -940,6 +941,11 @@ xal_client_error_type xal_client_message_decode(xal_client_type /*user_handle*/,
 
 xal_client_error_type xal_client_release(xal_client_type user_handle) {
     return Transport::instance().release(user_handle);
+}
+
+int xal_host_wait_for_registration(unsigned int timeout_msecs) {
+    return Transport::instance().waitForRegistered(1, std::chrono::milliseconds(timeout_msecs)) ? 1
+                                                                                                : 0;
 }
 
 }  // extern "C"

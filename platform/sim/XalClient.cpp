@@ -4,6 +4,7 @@
 
 #include "IndicationCodec.h"
 #include "SimModemImpl.h"
+#include "xal/xal_host.h"
 
 namespace xalsim {
 
@@ -176,6 +177,22 @@ xal_client_error_type xal_client_message_decode(xal_client_type /*user_handle*/,
                                                 unsigned int src_len, void* p_dst,
                                                 unsigned int dst_len) {
     return xalsim::decodeMessage(req_resp_ind, message_id, p_src, src_len, p_dst, dst_len);
+}
+
+int xal_host_wait_for_registration(unsigned int timeout_msecs) {
+    auto& modem = Api::modem();
+    const bool registered = modem.waitUntil(
+            [&] {
+                for (const auto& client : modem.clients()) {
+                    if (!client.notifier && !client.released && !client.serviceLost &&
+                        client.profileEvents) {
+                        return true;
+                    }
+                }
+                return false;
+            },
+            std::chrono::milliseconds(timeout_msecs));
+    return registered ? 1 : 0;
 }
 
 xal_client_error_type xal_client_release(xal_client_type user_handle) {

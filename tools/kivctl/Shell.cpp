@@ -88,8 +88,13 @@ int Shell::runLine(const std::vector<std::string>& words) {
     const Globals& globals = mSession.globals();
     if (name == "handles") {
         if (!rest.empty()) throw UsageError("unexpected argument " + quote(rest[0]));
-        mSession.startLibrary();
-        const auto table = mSession.modemProfiles();
+        // The handles are the shell's own: shown whether or not the modem
+        // service is there to add what it holds.
+        nlohmann::json table = nlohmann::json::array();
+        try {
+            table = mSession.modemProfiles();
+        } catch (const Refused&) {
+        }
         std::vector<ProfileView> views;
         for (const auto& [number, key] : mSession.handles()) {
             views.push_back(mSession.view(key, table, number));
