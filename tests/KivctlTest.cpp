@@ -209,6 +209,111 @@ TEST_F(KivctlTest, ProfileCommandsModifyFindDelete) {
     EXPECT_EQ(r.err, "kivctl: no profile 4 (3gpp)\n");
 }
 
+// What a filter says it matches, 3GPP2 profiles and switches held off or not
+// at all included; empty values given and cleared.
+TEST_F(KivctlTest, FindMatchesWhatItSaysAndEmptyValuesClear) {
+    auto ids = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), "--json");
+        const auto r = kivctl(args);
+        EXPECT_EQ(r.status, kOk) << r.err;
+        std::vector<int> found;
+        const json said = json::parse(r.out);
+        for (const auto& profile : said["profiles"]) found.push_back(profile["id"]);
+        return found;
+    };
+    ASSERT_EQ(kivctl({"add", "--apn=", "--user", "u", "--password", "p", "--types", "mms"}).status,
+              kOk);
+    EXPECT_EQ(ids({"find", "--kiv", "no"}), (std::vector<int>{1, 2, 3, 101}));
+    EXPECT_EQ(ids({"find", "--attach-profile", "no", "--tech", "3gpp2"}), (std::vector<int>{101}));
+    EXPECT_EQ(ids({"find", "--kiv", "yes"}), (std::vector<int>{4}));
+    EXPECT_EQ(ids({"find", "--clat", "off"}), (std::vector<int>{1, 2, 3, 4, 101}));
+    EXPECT_EQ(ids({"find", "--emergency", "on"}), (std::vector<int>{}));
+
+    const json before = json::parse(kivctl({"--json", "show", "4"}).out)["modem"];
+    EXPECT_EQ(before["apn_name"], "");
+    EXPECT_EQ(before["username"], "u");
+    ASSERT_EQ(kivctl({"modify", "4", "--user=", "--password", "", "--types", "none"}).status, kOk);
+    const json after = json::parse(kivctl({"--json", "show", "4"}).out)["modem"];
+    EXPECT_EQ(after["username"], "");
+    EXPECT_EQ(after["apn_type_mask"], 0);
+    EXPECT_EQ(kivctl({"modify", "4", "--ip="}).status, kBadInput);
+}
+
+// The policy commands say what they did besides naming a profile.
+TEST_F(KivctlTest, PolicyCommandsSayWhatTheyCreatedChangedOrDidNotMatch) {
+    const struct {
+        std::vector<std::string> args;
+        std::string out;
+    } rows[] = {
+            {{"attach", "--apn", "ims", "--ip", "v4v6", "--types", "ia"},
+             "attach profile: profile 2 (3gpp)\n  changed: types ims -> ia\n"},
+            {{"data-call", "--apn", "new.one", "--ip", "v4"},
+             "data-call profile: profile 4 (3gpp)\n"
+             "  created, temporary: it goes when this command ends\n"},
+            {{"emergency", "--apn", "sos"},
+             "emergency profile: profile 4 (3gpp)\n  created, persistent\n"},
+            {{"emergency", "--apn", "other"},
+             "emergency profile: profile 4 (3gpp)\n"
+             "  not as asked: apn other (it holds sos); the library's rules chose it\n"},
+            {{"data-call", "--tech", "3gpp2"},
+             "data-call profile: profile 101 (3gpp2)\n"
+             "  no profile options given: the first profile the library's rules accept\n"},
+    };
+    for (const auto& row : rows) {
+        const auto r = kivctl(row.args);
+        EXPECT_EQ(r.status, kOk) << r.err;
+        EXPECT_EQ(r.out, row.out) << row.args[0];
+    }
+    const json said =
+            json::parse(kivctl({"--json", "attach", "--apn", "ims", "--types", "ims"}).out);
+    EXPECT_EQ(said["changed"], json::parse(R"([{"field":"types","before":"ia","after":"ims"}])"));
+    EXPECT_EQ(said["created"], false);
+    // The temporary data-call profile went with the command.
+    EXPECT_FALSE(has(kivctl({"list"}).out, "new.one"));
+}
+
+// Faults to come are shown, cleared by clear and by a reset; a read the
+// modem refused is the modem's refusal, not a profile that is not there.
+TEST_F(KivctlTest, ModemFaultsShownClearedAndARefusedReadSaidAsSuch) {
+    auto r = kivctl({"shell"},
+                    "modem fail create 2\n"
+                    "modem timeout list\n"
+                    "modem status\n"
+                    "modem clear\n"
+                    "modem status\n"
+                    "modem fail get\n"
+                    "modem reset\n"
+                    "modem status\n"
+                    "modem fail get 1\n"
+                    "show 1\n");
+    EXPECT_EQ(r.status, kRefused);
+    EXPECT_TRUE(has(r.out, "faults:    the next 2 create fail; no answer to the next list\n"))
+            << r.out;
+    size_t none = 0;
+    for (size_t at = r.out.find("faults:    none to come"); at != std::string::npos;
+         at = r.out.find("faults:    none to come", at + 1)) {
+        ++none;
+    }
+    EXPECT_EQ(none, 2u) << r.out;
+    EXPECT_EQ(r.err,
+              "kivctl: line 10: show: the modem refused or did not answer 1 request: get "
+              "(refused, as injected); not everything was done (kivctl --log tells more)\n");
+
+    // The shell's help knows its own commands; a handle's number stays with
+    // its profile.
+    r = kivctl({"shell"},
+               "help\n"
+               "add --temporary --apn first\n"
+               "modem restart\n"
+               "add --temporary --apn second\n"
+               "handles\n");
+    EXPECT_EQ(r.status, kOk) << r.err;
+    EXPECT_TRUE(has(r.out, "  drop #N       lets go of a handle")) << r.out;
+    EXPECT_TRUE(has(r.out, "added: profile 4 (3gpp) as #1\n")) << r.out;
+    EXPECT_TRUE(has(r.out, "added: profile 4 (3gpp) as #2\n")) << r.out;
+    EXPECT_TRUE(has(r.out, "#1  4   3gpp  -       -     -     -      -     -      stale")) << r.out;
+}
+
 // Each value a carrier's entry may hold, as the record the library gets, or
 // skipped with a warning that names the entry.
 TEST(ApnsConfTest, EntryValuesMappedOrWarnedAbout) {
@@ -240,8 +345,7 @@ TEST(ApnsConfTest, EntryValuesMappedOrWarnedAbout) {
                              "ApnName=a,AuthType=NONE,HomeIPType=V4,RoamIPType=V6,ApnTypesMask=" +
                                      anyUse + ",",
                              "ApnName=b,AuthType=PAP,HomeIPType=V6,ApnTypesMask=DEFAULT|MMS|,",
-                             "ApnName=c,AuthType=CHAP,HomeIPType=V4V6,ApnTypesMask=" + anyUse +
-                                     ",",
+                             "ApnName=c,AuthType=CHAP,HomeIPType=V4V6,ApnTypesMask=" + anyUse + ",",
                              "ApnName=d,AuthType=PAP_CHAP,ApnTypesMask=" + anyUse +
                                      ",MaxPdnsConnPerBlock=20,MaxPdnConnTimer=300,"
                                      "PdnReqWaitInterval=5,",
@@ -251,8 +355,7 @@ TEST(ApnsConfTest, EntryValuesMappedOrWarnedAbout) {
                              "ApnName=h,ApnTypesMask=DEFAULT|MMS|SUPL|DUN|HIPRI|FOTA|IMS|CBS|IA|"
                              "MCX|XCAP|,",
                      }));
-    EXPECT_EQ(anyType,
-              (std::vector<bool>{true, false, true, true, true, false, false, true}));
+    EXPECT_EQ(anyType, (std::vector<bool>{true, false, true, true, true, false, false, true}));
     EXPECT_EQ(read.warnings,
               (std::vector<std::string>{"'bad' (/): unknown APN type 'warp' skipped",
                                         "'bad' (/): unknown protocol 'IPX' skipped",

@@ -439,6 +439,28 @@ TEST_F(ManagerTest, ChangesFromBeforeAnAddNeverTouchTheProfileItCreated) {
     }
 }
 
+// An entry line carrying the longest profile the modem holds is cut at the
+// log's 511 characters, exactly, and so is the exit line of reading it back.
+TEST_F(ManagerTest, EntryAndExitLinesOfTheLongestProfileCutAtExactly511) {
+    ProfileParams params;
+    params.setApnName(std::string(150, 'a'));
+    params.setUserName(std::string(127, 'u'));
+    params.setPassword(std::string(127, 'p'));
+    params.setApnTypesMask(0xFFF);
+    params.setHomeIPType(IPType::V4V6);
+    const AddProfileParams add(params, /*persistent=*/false, TechType::TECH_3GPP, false);
+    auto key = manager().addProfile(add);
+    ASSERT_TRUE(key);
+    const auto seen = manager().getProfile(key);
+    ASSERT_TRUE(seen);
+    const std::string entry = "Manager::addProfile > " + AddRequest(add).dump();
+    const std::string exit = "Manager::getProfile < " + GetResponse(Status::Success, seen).dump();
+    ASSERT_GT(entry.size(), 511u);
+    ASSERT_GT(exit.size(), 511u);
+    EXPECT_TRUE(log->contains(LogLevel::Info, entry.substr(0, 511)));
+    EXPECT_TRUE(log->contains(LogLevel::Info, exit.substr(0, 511)));
+}
+
 // Passwords in the library's texts: shown, as they always were, unless the
 // library is built secret-free; then no text of it carries one, 3GPP2 included.
 TEST_F(ManagerTest, PasswordsInDumpsAndLogLinesAsTheBuildSays) {

@@ -85,9 +85,8 @@ TEST_F(ServiceTest, OtherProcessChangesArriveAsForeignChanges) {
     EXPECT_EQ(log->count(LogLevel::Info, "ProfileCache: pending transaction confirmed"), 2u);
     const auto watched = watch->finish();
     EXPECT_EQ(watched.status, 0) << watched.err;
-    EXPECT_NE(
-            watched.out.find("{\"event\":\"create\",\"tech\":\"3gpp\",\"id\":5,\"settings\":{"),
-            std::string::npos)
+    EXPECT_NE(watched.out.find("{\"event\":\"create\",\"tech\":\"3gpp\",\"id\":5,\"settings\":{"),
+              std::string::npos)
             << watched.out;
     EXPECT_NE(watched.out.find("\"apn_name\":\"from.here\""), std::string::npos);
 }
@@ -272,6 +271,58 @@ TEST_F(ServiceTest, DaemonRefusesWhatItCannotServeAndStopsCleanly) {
     EXPECT_EQ(daemon->finish().status, 0);
 }
 
+// A control call given up on leaves its late answer on the connection; the
+// next call there gets its own.
+TEST_F(ServiceTest, ControlCallGivenUpOnThenAnotherGetsItsOwnAnswer) {
+    startDaemon();
+    auto connection = xalremote::ServiceControl::connect();
+    ASSERT_TRUE(connection.ok()) << connection.error().message();
+    const auto late = connection->call({{"op", "waitRequests"},
+                                        {"msgId", XAL_WDS_CREATE_PROFILE_REQ_V01},
+                                        {"count", 1},
+                                        {"timeoutMs", 60000}},
+                                       std::chrono::milliseconds(20));
+    ASSERT_FALSE(late.ok());
+    EXPECT_EQ(late.error().code(), ETIMEDOUT) << late.error().message();
+    // The create it waited for comes: its late answer is on the connection
+    // before the service answers anything else there.
+    ASSERT_EQ(onService({"add", "--apn", "awaited"}).status, 0);
+    const auto status = connection->call({{"op", "status"}});
+    ASSERT_TRUE(status.ok()) << status.error().message();
+    EXPECT_TRUE(status->contains("serviceUp")) << status->dump();
+}
+
+// A modem's room, exactly: a small one starts with the factory profiles that
+// fit, takes adds up to its last index and refuses the next one, saying so;
+// one slower than the library waits is said at once; and it leaves no lock
+// file behind when it stops.
+TEST_F(ServiceTest, ModemsRoomAndSpeedAsTheOptionsSayAndNoLockLeft) {
+    startDaemon({"--capacity-3gpp", "5", "--capacity-3gpp2", "0"});
+    auto listed = onService({"--json", "list"});
+    ASSERT_EQ(listed.status, 0) << listed.err;
+    const auto table = nlohmann::json::parse(listed.out);
+    ASSERT_EQ(table["profiles"].size(), 3u) << listed.out;  // 3GPP 1 to 3; no room for 101
+    for (const char* apn : {"fourth", "fifth"}) {
+        const auto added = onService({"add", "--apn", apn});
+        EXPECT_EQ(added.status, 0) << added.err;
+    }
+    const auto full = onService({"add", "--apn", "sixth"});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.err.find("create (the modem's table is full)"), std::string::npos) << full.err;
+    EXPECT_EQ(apnsOnTheModem().count("sixth"), 0u);
+    daemon->kill(SIGTERM);
+    EXPECT_EQ(daemon->finish().status, 0);
+    EXPECT_FALSE(fs::exists(state + ".lock"));
+    EXPECT_FALSE(fs::exists(socket + ".lock"));
+
+    startDaemon({"--latency", "950"});
+    const auto slow = onService({"list"});
+    EXPECT_EQ(slow.status, 1);
+    EXPECT_NE(slow.err.find("the modem takes 950 ms per request (kivmodemd --latency)"),
+              std::string::npos)
+            << slow.err;
+}
+
 // kivctl's embedded modem on a state file, run as a user runs it.
 class KivctlTest : public ServiceFixture {};
 
@@ -326,6 +377,12 @@ TEST_F(KivctlTest, StateFileFaultsNothingLostNothingCorruptNoFalseSuccess) {
     result = embedded({"add", "--apn", "x"}, nobody);
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(result.err.find("Permission denied"), std::string::npos) << result.err;
+    // A new table in that folder: the folder is the trouble, and it says so.
+    result = Subprocess::run(command(KIVCTL_PATH, {"--modem-state", dir + "/new.state", "list"}),
+                             "", nobody);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "kivctl: cannot make " + dir + "/new.state: the folder " + dir +
+                                  " cannot be written: Permission denied\n");
     fs::permissions(dir, fs::perms::owner_all);
     EXPECT_EQ(read(state), before);
 
@@ -376,6 +433,72 @@ TEST_F(KivctlTest, StateFileFaultsNothingLostNothingCorruptNoFalseSuccess) {
         EXPECT_NE(result.err.find("malformed modem state"), std::string::npos) << result.err;
         EXPECT_EQ(read(dir + "/target.state"), text);
     }
+}
+
+// No password reaches what kivctl prints, whatever the command, the output
+// form, the technology or the modem, though the library's own texts carry
+// them.
+TEST_F(KivctlTest, NoPasswordInAnythingKivctlPrints) {
+    startDaemon();
+    const std::vector<std::string> secrets = {"TopSecret123", "Top,Secret=Pass"};
+    std::string printed;
+    auto run = [&](std::vector<std::string> args, const std::string& input = "") {
+        const auto result = Subprocess::run(command(KIVCTL_PATH, args), input);
+        printed += result.out + result.err;
+        return result;
+    };
+    Subprocess watch(command(KIVCTL_PATH, {"--modem", socket, "--json", "watch", "--count", "4"}),
+                     Subprocess::Options());
+    ASSERT_TRUE(watch.waitForOutput("watching", 20s, /*fromError=*/true));
+    for (const auto& modem : std::vector<std::vector<std::string>>{
+                 {"--modem", socket}, {"--modem-state", dir + "/own.state"}}) {
+        auto on = [&](std::vector<std::string> args) {
+            args.insert(args.begin(), modem.begin(), modem.end());
+            return args;
+        };
+        ASSERT_EQ(
+                run(on({"add", "--apn", "a3gpp", "--user", "u", "--password", secrets[0]})).status,
+                0);
+        ASSERT_EQ(run(on({"--json", "add", "--tech", "3gpp2", "--apn", "a3gpp2", "--user", "u",
+                          "--password", secrets[1]}))
+                          .status,
+                  0);
+        for (const auto& args : std::vector<std::vector<std::string>>{
+                     {"show", "4"},
+                     {"--json", "show", "102"},
+                     {"--json", "list"},
+                     {"find", "--apn", "a3gpp2"},
+                     {"dump"},
+                     {"--json", "dump"},
+                     {"--log", "list"},
+                     {"--log", "modify", "102", "--password", "TopSecretToo"}}) {
+            EXPECT_EQ(run(on(args)).status, 0) << args[0];
+        }
+        run(on({"--log", "shell"}), "find --apn a3gpp\nhandles\nshow #1\ndump\n");
+    }
+    printed += watch.finish().out;
+    for (const auto& secret : {"TopSecret", "Secret=Pass"}) {
+        EXPECT_EQ(printed.find(secret), std::string::npos) << secret << " printed:\n" << printed;
+    }
+    EXPECT_NE(printed.find("Password=(hidden)"), std::string::npos) << printed;
+}
+
+// kivctl's standard output is its own: --json output in the shell is JSON,
+// line after line, whatever the library writes; a state file named on the
+// command line is used even when KIVR_MODEM names a service.
+TEST_F(KivctlTest, OutputIsKivctlsOwnAndTheStateFileNamedIsUsed) {
+    Subprocess::Options elsewhere;
+    elsewhere.environment.push_back("KIVR_MODEM=" + dir + "/no.such.sock");
+    const auto result = Subprocess::run(
+            command(KIVCTL_PATH, {"--modem-state", state, "--json", "shell"}),
+            "add --temporary --apn x\nlist\nhandles\nmodem restart\ndump\nhelp\n", elsewhere);
+    ASSERT_EQ(result.status, 0) << result.err;
+    std::istringstream lines(result.out);
+    size_t documents = 0;
+    for (std::string line; std::getline(lines, line); ++documents) {
+        EXPECT_TRUE(nlohmann::json::accept(line)) << "not JSON: " << line;
+    }
+    EXPECT_EQ(documents, 6u) << result.out;
 }
 
 }  // namespace

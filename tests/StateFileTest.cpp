@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -99,7 +100,6 @@ TEST_F(StateFileTest, SaveThenLoadGivesTheSameTableAndBytes) {
     EXPECT_EQ(StateFile::serialize(*loaded), read(path));
     EXPECT_NE(read(path).find("\"username\": {\n        \"hex\": \"01fffe\""), std::string::npos)
             << read(path);
-
 }
 
 TEST_F(StateFileTest, DamagedFilesAreRefusedWithTheReason) {
@@ -133,6 +133,40 @@ TEST_F(StateFileTest, DamagedFilesAreRefusedWithTheReason) {
         EXPECT_NE(result.error().message().find(bad.reason), std::string::npos)
                 << result.error().message();
     }
+}
+
+// A save's new table is on the disk before it replaces the old one, and the
+// replacement reaches the disk with the folder: a power cut at any moment
+// leaves the old table or the new one.
+std::vector<std::string>* sDiskLog = nullptr;
+
+std::string pathOf(int fd) {
+    char target[PATH_MAX] = {};
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    return readlink(link.c_str(), target, sizeof(target) - 1) > 0 ? target : "?";
+}
+
+TEST_F(StateFileTest, SaveSyncsTheNewTableBeforeItReplacesTheOldOne) {
+    std::vector<std::string> calls;
+    sDiskLog = &calls;
+    StateFile::setDiskCalls({[](int fd) {
+                                 sDiskLog->push_back("fsync " + pathOf(fd));
+                                 return ::fsync(fd);
+                             },
+                             [](const char* from, const char* to) {
+                                 sDiskLog->push_back(std::string("rename ") + from + " " + to);
+                                 return ::rename(from, to);
+                             }});
+    StateFile state = open();
+    const bool saved = state.save(xalsim::factoryTable()).ok();
+    StateFile::setDiskCalls({::fsync, ::rename});
+    sDiskLog = nullptr;
+    ASSERT_TRUE(saved);
+    ASSERT_EQ(calls.size(), 3u) << testing::PrintToString(calls);
+    const std::string temporary = calls[0].substr(strlen("fsync "));
+    EXPECT_NE(temporary.find(dir + "/.modem.state."), std::string::npos) << calls[0];
+    EXPECT_EQ(calls[1], "rename " + temporary + " " + path);
+    EXPECT_EQ(calls[2], "fsync " + dir);
 }
 
 TEST_F(StateFileTest, SavePrivateAtomicKeepsModeAndOnFailureTheOldFile) {

@@ -257,6 +257,15 @@ TEST_F(UtilTest, ApnTypesMergedPerNameAndFallBackAcrossIPFamilies) {
     EXPECT_EQ(modem(static_cast<uint8_t>(v6)).apn_type_mask,
               modemMask(APN_TYPE_DUN | APN_TYPE_CBS));
 
+    // Only an IPv6 profile, for IPv6 and dual-stack types: it ends holding
+    // both, its own first and the dual-stack ones falling back onto it.
+    const int only =
+            seed(xalsim::make3gppSettings("v6", "v6only", WDS_PDP_TYPE_PDP_IPV6_V01, 0, true));
+    util.updateAPNTypeBitmaskOnModemProfile({record("v6only", APN_TYPE_IMS, IPType::V6),
+                                             record("v6only", APN_TYPE_DEFAULT, IPType::V4V6)});
+    EXPECT_EQ(modem(static_cast<uint8_t>(only)).apn_type_mask,
+              modemMask(APN_TYPE_IMS | APN_TYPE_DEFAULT));
+
     // Allowed: the union goes onto every profile with the name, any
     // technology and IP type.
     seed(xalsim::make3gpp2Settings("internet", WDS_PROFILE_PDN_TYPE_IPV4_V01, true),

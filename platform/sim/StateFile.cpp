@@ -24,6 +24,8 @@ using android::base::unique_fd;
 namespace {
 
 constexpr const char* kFormat = "kivr-modem-state";
+
+StateFile::DiskCalls sDiskCalls{::fsync, ::rename};
 constexpr int kVersion = 2;
 
 Result<Table> parseJson(const std::string& text) {
@@ -201,14 +203,20 @@ Result<void> StateFile::save(const Table& table) const {
     if (!android::base::WriteFully(fd.get(), text.data(), text.size())) {
         return fail("cannot write");
     }
-    if (fsync(fd.get()) != 0) return fail("cannot write");
+    // On the disk before it takes the old one's place, so that a power cut
+    // leaves the old table or the new one, never an empty file.
+    if (sDiskCalls.fsync(fd.get()) != 0) return fail("cannot write");
     if (close(fd.release()) != 0) return fail("cannot write");
-    if (rename(temporary.c_str(), mPath.c_str()) != 0) return fail("cannot replace");
+    if (sDiskCalls.rename(temporary.c_str(), mPath.c_str()) != 0) return fail("cannot replace");
     // The rename itself reaches the disk with the directory.
     unique_fd dir(
             ::open(android::base::Dirname(mPath).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.get() >= 0) fsync(dir.get());
+    if (dir.get() >= 0) sDiskCalls.fsync(dir.get());
     return {};
+}
+
+void StateFile::setDiskCalls(const DiskCalls& calls) {
+    sDiskCalls = calls;
 }
 
 }  // namespace xalsim

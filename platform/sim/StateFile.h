@@ -46,6 +46,14 @@ class StateFile {
     static std::string serialize(const Table& table);
     static android::base::Result<Table> parse(const std::string& text);
 
+    // The calls a save makes to get the table to the disk whole, so that a
+    // test can see them in their order (the system's own by default).
+    struct DiskCalls {
+        int (*fsync)(int fd);
+        int (*rename)(const char* from, const char* to);
+    };
+    static void setDiskCalls(const DiskCalls& calls);
+
   private:
     StateFile(std::string path, std::optional<kiv::LockFile> lock)
         : mPath(std::move(path)), mLock(std::move(lock)) {}
