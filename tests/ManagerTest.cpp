@@ -448,6 +448,14 @@ TEST_F(ManagerTest, EntryAndExitLinesOfTheLongestProfileCutAtExactly511) {
     params.setPassword(std::string(127, 'p'));
     params.setApnTypesMask(0xFFF);
     params.setHomeIPType(IPType::V4V6);
+    params.setRoamIPType(IPType::V4V6);
+    params.setAuthType(AuthType::PAP_CHAP);
+    params.setApnClass(ApnClass::INET);
+    params.setIsClatEnabled(true);
+    params.setMaxPdnsConnPerBlock(1000);
+    params.setMaxPdnConnTimer(300);
+    params.setPdnReqWaitInterval(100);
+    params.setIsEmergencySupported(true);
     const AddProfileParams add(params, /*persistent=*/false, TechType::TECH_3GPP, false);
     auto key = manager().addProfile(add);
     ASSERT_TRUE(key);
