@@ -246,7 +246,11 @@ TEST_F(ManyProcessesTest, SeededRunEndsWithExactlyWhatEachProcessWasTold) {
     RecordProperty("seed", static_cast<int>(seed));
     SCOPED_TRACE("KIVR_CHAOS_SEED=" + std::to_string(seed));
     constexpr int kProcesses = 5;
+#ifdef KIVR_SLOW_PROCESSES
+    constexpr int kCommandsEach = 12;
+#else
     constexpr int kCommandsEach = 30;
+#endif
     startDaemon();
 
     std::mutex lock;

@@ -12,6 +12,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 extern char** environ;
 
@@ -67,6 +68,7 @@ Subprocess::Subprocess(const std::vector<std::string>& argv, const Options& opti
 }
 
 Subprocess::~Subprocess() {
+    std::lock_guard<std::mutex> guard(mReapLock);
     if (!mStatus && mPid > 0) {
         ::kill(mPid, SIGKILL);
         waitpid(mPid, nullptr, 0);
@@ -87,6 +89,8 @@ void Subprocess::closeInput() {
 }
 
 void Subprocess::kill(int signal) {
+    // Never once reaped: the number may belong to another process by then.
+    std::lock_guard<std::mutex> guard(mReapLock);
     if (!mStatus) ::kill(mPid, signal);
 }
 
@@ -134,13 +138,17 @@ Subprocess::Result Subprocess::finish(std::chrono::milliseconds timeout) {
     while (Clock::now() < deadline && pump(deadline)) {
     }
     Result result;
+    std::unique_lock<std::mutex> guard(mReapLock);
     if (!mStatus) {
-        // The child's exit, waited for with the same deadline.
+        // The child's exit, waited for with the same deadline; another thread
+        // may kill it meanwhile.
+        guard.unlock();
         const android::base::unique_fd exited(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
         pollfd end{exited.get(), POLLIN, 0};
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         const bool done = exited.ok() &&
                           poll(&end, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) > 0;
+        guard.lock();
         int status = 0;
         if (!done) {
             ::kill(mPid, SIGKILL);

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -63,7 +64,9 @@ class Subprocess {
     android::base::unique_fd mErr;
     std::string mOutText;
     std::string mErrText;
-    std::optional<int> mStatus;
+    // Reaping and killing take turns: a reaped child's number may be reused.
+    std::mutex mReapLock;
+    std::optional<int> mStatus;  // once reaped
 };
 
 }  // namespace kiv::test
