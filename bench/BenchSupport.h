@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "LogWriter.h"
+#include "src/LogWriter.h"
 
 namespace kiv {
 

@@ -41,17 +41,17 @@
 #include <thread>
 #include <vector>
 
-#include "AdbWriter.h"
-#include "ApnsConf.h"
 #include "BenchSupport.h"
-#include "EventFd.h"
-#include "LocalLogBuffer.h"
-#include "LogWrapper.h"
 #include "Manager.h"
-#include "Mutex.h"
-#include "SimModem.h"
 #include "Util.h"
-#include "diag_host.h"
+#include "base/EventFd.h"
+#include "base/Mutex.h"
+#include "diag/diag_host.h"
+#include "kivctl/ApnsConf.h"
+#include "sim/SimModem.h"
+#include "src/AdbWriter.h"
+#include "src/LocalLogBuffer.h"
+#include "src/LogWrapper.h"
 
 // --- Counting allocator (B6) -------------------------------------------------
 

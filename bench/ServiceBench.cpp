@@ -27,11 +27,11 @@
 #include <sstream>
 
 #include "BenchSupport.h"
-#include "LogWrapper.h"
 #include "Manager.h"
-#include "Subprocess.h"
-#include "XalRemote.h"
-#include "diag_host.h"
+#include "diag/diag_host.h"
+#include "remote/XalRemote.h"
+#include "src/LogWrapper.h"
+#include "tests/support/Subprocess.h"
 
 namespace kiv {
 namespace {

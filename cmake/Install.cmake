@@ -18,9 +18,9 @@ install(TARGETS kivctl kivmodemd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(DIRECTORY inc/ DESTINATION ${KIVR_HEADER_DIR} FILES_MATCHING PATTERN "*.h")
 # The messaging client interface, and what the stand-ins' control classes
 # need beside it.
-install(DIRECTORY platform/include/xal DESTINATION ${KIVR_HEADER_DIR})
-install(FILES platform/sim/SimModem.h platform/sim/ModemCore.h src/base/Mutex.h
-    DESTINATION ${KIVR_HEADER_DIR}/sim)
+install(DIRECTORY platform/include/xal platform/include/diag DESTINATION ${KIVR_HEADER_DIR})
+install(FILES platform/sim/SimModem.h platform/sim/ModemCore.h DESTINATION ${KIVR_HEADER_DIR}/sim)
+install(FILES base/Mutex.h DESTINATION ${KIVR_HEADER_DIR}/base)
 install(FILES platform/remote/XalRemote.h platform/remote/ServiceControl.h
     DESTINATION ${KIVR_HEADER_DIR}/remote)
 

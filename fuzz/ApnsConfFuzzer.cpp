@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "ApnsConf.h"
+#include "kivctl/ApnsConf.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string sPath = "/tmp/kivr-apns-fuzz-" + std::to_string(getpid()) + ".xml";

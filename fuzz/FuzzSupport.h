@@ -1,9 +1,9 @@
 // Shared set-up of the fuzz targets: a quiet log.
 #pragma once
 
-#include "LocalLogBuffer.h"
-#include "LogWrapper.h"
-#include "SimModem.h"
+#include "sim/SimModem.h"
+#include "src/LocalLogBuffer.h"
+#include "src/LogWrapper.h"
 
 namespace kiv::fuzz {
 

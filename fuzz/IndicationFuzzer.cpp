@@ -1,9 +1,9 @@
 // Indication buffers of arbitrary bytes through the modem client's decoding
 // and the profile cache's handling, on a worker loop as the library runs it.
 #include "FuzzSupport.h"
-#include "ProfileCache.h"
-#include "SimModem.h"
-#include "WorkerLoop.h"
+#include "sim/SimModem.h"
+#include "src/ProfileCache.h"
+#include "tests/support/WorkerLoop.h"
 
 namespace {
 

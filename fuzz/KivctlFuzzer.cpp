@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "Kivctl.h"
+#include "kivctl/Kivctl.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <cstring>
 
 #include "FuzzSupport.h"
-#include "SimModem.h"
-#include "WorkerLoop.h"
-#include "XalWdsProxy.h"
+#include "sim/SimModem.h"
+#include "src/XalWdsProxy.h"
+#include "tests/support/WorkerLoop.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "FuzzSupport.h"
-#include "Modem3gpp2Profile.h"
-#include "Modem3gppProfile.h"
+#include "src/Modem3gpp2Profile.h"
+#include "src/Modem3gppProfile.h"
 
 namespace {
 

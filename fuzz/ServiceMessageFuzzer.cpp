@@ -9,12 +9,12 @@
 #include <cstdint>
 #include <vector>
 
-#include "ModemServer.h"
+#include "service/ModemServer.h"
 
 namespace {
 
 struct Rig {
-    kivmodemd::ModemServer server{kivmodemd::ModemServer::Options(), [](const std::string&) {}};
+    xalservice::ModemServer server{xalservice::ModemServer::Options(), [](const std::string&) {}};
 
     Rig() { server.modem().replaceTable(xalsim::factoryTable()); }
 };

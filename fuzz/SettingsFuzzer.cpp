@@ -3,8 +3,8 @@
 #include <cstring>
 
 #include "FuzzSupport.h"
-#include "Modem3gpp2Profile.h"
-#include "Modem3gppProfile.h"
+#include "src/Modem3gpp2Profile.h"
+#include "src/Modem3gppProfile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     kiv::fuzz::quietLog();

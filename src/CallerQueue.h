@@ -7,8 +7,8 @@
 
 #include "ClientRequest.h"
 #include "ClientResponse.h"
-#include "EventFd.h"
-#include "Mutex.h"
+#include "base/EventFd.h"
+#include "base/Mutex.h"
 
 namespace kiv {
 

@@ -6,8 +6,8 @@
 #include <map>
 #include <set>
 
-#include "EventFd.h"
-#include "Mutex.h"
+#include "base/EventFd.h"
+#include "base/Mutex.h"
 
 namespace kiv {
 

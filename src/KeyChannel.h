@@ -6,8 +6,8 @@
 
 #include "ClientRequest.h"
 #include "ClientResponse.h"
-#include "Mutex.h"
 #include "ProfileKey.h"
+#include "base/Mutex.h"
 
 namespace kiv {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "Mutex.h"
+#include "base/Mutex.h"
 
 namespace kiv {
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "LogWriter.h"
-#include "Mutex.h"
+#include "base/Mutex.h"
 
 namespace kiv {
 

@@ -4,7 +4,7 @@
 
 #include "Conversions.h"
 #include "LogWrapper.h"
-#include "WdsSettingsFields.h"
+#include "xal/wds_v01_fields.h"
 
 namespace kiv {
 
@@ -217,7 +217,7 @@ wds_create_profile_req_msg_v01 ModemProfile::constructAddRequest() const {
     request.profile_type = constructProfileIdentifier().profile_type;
     wds_get_profile_settings_resp_msg_v01 settings = {};
     writeSettings(settings);
-    copyValidFields(request, settings);
+    wds::copyValidFields(request, settings);
     return request;
 }
 
@@ -226,7 +226,7 @@ wds_modify_profile_settings_req_msg_v01 ModemProfile::constructModifyRequest() c
     updateModifyParameters(request);
     wds_get_profile_settings_resp_msg_v01 settings = {};
     writeSettings(settings);
-    copyValidFields(request, settings);
+    wds::copyValidFields(request, settings);
     return request;
 }
 

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "EventManager.h"
-#include "Mutex.h"
+#include "base/Mutex.h"
 
 namespace kiv {
 

@@ -9,6 +9,7 @@
 #include "LogWrapper.h"
 #include "Modem3gpp2Profile.h"
 #include "Modem3gppProfile.h"
+#include "xal/wds_profile_events.h"
 
 namespace kiv {
 
@@ -73,7 +74,7 @@ ProfileChangedEvent toProfileChangedEvent(int32_t modemEvent) {
 
 XalWdsProxy::XalWdsProxy(EventManager& eventManager, int subscription)
     : mEventManager(eventManager), mSubscription(subscription) {
-    mServiceObject = wds_get_service_object_internal_v01(1, 0xF1, 6);
+    mServiceObject = wds::serviceObject();
     watch(mEventManager, mSvcUpFd, handleSvcUp, this);
     watch(mEventManager, mErrorFd, handleError, this);
     watch(mEventManager, mIndFd, handleIndication, this);
@@ -184,9 +185,7 @@ void XalWdsProxy::registerXalIndications() {
         KLOGE("Unable send bind req message");
     }
 
-    wds_indication_register_req_msg_v01 indications = {};
-    indications.report_profile_changed_events_valid = 1;
-    indications.report_profile_changed_events = 1;
+    wds_indication_register_req_msg_v01 indications = wds::profileChangedEventsRequest();
     response = {};
     if (accepted(xal_client_send_msg_sync(mClient, XAL_WDS_INDICATION_REGISTER_REQ_V01,
                                           &indications, sizeof(indications), &response,
@@ -198,13 +197,7 @@ void XalWdsProxy::registerXalIndications() {
     }
 
     // Every profile of every type, and the second flag present and true.
-    wds_configure_profile_event_list_req_msg_v01 events = {};
-    events.profile_event_register_valid = 1;
-    events.profile_event_register_len = 1;
-    events.profile_event_register[0].profile_type = WDS_PROFILE_TYPE_ALL_V01;
-    events.profile_event_register[0].profile_index = 0xFF;
-    events.report_all_profiles_valid = 1;
-    events.report_all_profiles = 1;
+    wds_configure_profile_event_list_req_msg_v01 events = wds::allProfileEventsRequest();
     response = {};
     if (accepted(xal_client_send_msg_sync(mClient, XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01,
                                           &events, sizeof(events), &response, sizeof(response),

@@ -5,11 +5,11 @@
 #include <list>
 #include <memory>
 
-#include "EventFd.h"
 #include "EventManager.h"
 #include "ModemProfile.h"
-#include "Mutex.h"
 #include "ProfileChangedInd.h"
+#include "base/EventFd.h"
+#include "base/Mutex.h"
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
 

@@ -4,12 +4,12 @@
 #include <fstream>
 #include <map>
 
-#include "ApnsConf.h"
-#include "Conversions.h"
 #include "Manager.h"
-#include "SimModem.h"
 #include "Util.h"
-#include "diag_host.h"
+#include "diag/diag_host.h"
+#include "kivctl/ApnsConf.h"
+#include "sim/SimModem.h"
+#include "src/Conversions.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include "ClientRequest.h"
 #include "ClientResponse.h"
-#include "ProfileKey.h"
+#include "src/ProfileKey.h"
 
 namespace kiv {
 namespace {

@@ -4,8 +4,8 @@
 #include <random>
 #include <thread>
 
-#include "LibraryFixture.h"
-#include "Mutex.h"
+#include "base/Mutex.h"
+#include "support/LibraryFixture.h"
 
 namespace kiv {
 namespace {

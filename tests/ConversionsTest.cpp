@@ -2,8 +2,8 @@
 
 #include <iterator>
 
-#include "CapturingLog.h"
-#include "Conversions.h"
+#include "src/Conversions.h"
+#include "support/CapturingLog.h"
 
 namespace kiv {
 namespace {

@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "CapturingLog.h"
-#include "EventFd.h"
-#include "EventManager.h"
+#include "base/EventFd.h"
+#include "src/EventManager.h"
+#include "support/CapturingLog.h"
 
 namespace kiv {
 namespace {

@@ -7,9 +7,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "ApnsConf.h"
-#include "Arguments.h"
-#include "Kivctl.h"
+#include "common/Arguments.h"
+#include "kivctl/ApnsConf.h"
+#include "kivctl/Kivctl.h"
 
 namespace kivctl {
 namespace {

@@ -3,15 +3,15 @@
 #include <algorithm>
 #include <string>
 
-#include "AdbWriter.h"
-#include "CapturingLog.h"
-#include "DiagWriter.h"
-#include "LocalLogBuffer.h"
-#include "LogWrapper.h"
 #include "Manager.h"
-#include "Mutex.h"
-#include "SimModem.h"
-#include "diag_host.h"
+#include "base/Mutex.h"
+#include "diag/diag_host.h"
+#include "sim/SimModem.h"
+#include "src/AdbWriter.h"
+#include "src/DiagWriter.h"
+#include "src/LocalLogBuffer.h"
+#include "src/LogWrapper.h"
+#include "support/CapturingLog.h"
 
 namespace kiv {
 namespace {

@@ -4,9 +4,9 @@
 #include <future>
 #include <set>
 
-#include "LibraryFixture.h"
-#include "ProfileKey.h"
-#include "Secrets.h"
+#include "src/ProfileKey.h"
+#include "src/Secrets.h"
+#include "support/LibraryFixture.h"
 
 namespace kiv {
 namespace {

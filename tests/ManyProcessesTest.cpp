@@ -14,7 +14,7 @@
 #include <random>
 #include <thread>
 
-#include "ServiceFixture.h"
+#include "support/ServiceFixture.h"
 #include "xal/wds_v01.h"
 
 namespace kiv {

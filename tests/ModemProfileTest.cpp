@@ -5,10 +5,10 @@
 #include <random>
 #include <stdexcept>
 
-#include "CapturingLog.h"
-#include "Modem3gpp2Profile.h"
-#include "Modem3gppProfile.h"
-#include "WdsSettingsFields.h"
+#include "src/Modem3gpp2Profile.h"
+#include "src/Modem3gppProfile.h"
+#include "support/CapturingLog.h"
+#include "xal/wds_v01_fields.h"
 
 namespace kiv {
 namespace {
@@ -30,7 +30,7 @@ void fill(char (&field)[N], const std::string& text) {
 // What the modem stores for the profile's create request.
 Settings storedOnModem(const ModemProfile& profile) {
     Settings stored = emptySettings();
-    copyValidFields(stored, profile.constructAddRequest());
+    wds::copyValidFields(stored, profile.constructAddRequest());
     return stored;
 }
 

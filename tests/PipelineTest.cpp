@@ -9,10 +9,10 @@
 #include <future>
 #include <thread>
 
-#include "ClientRequestManager.h"
-#include "LibraryFixture.h"
-#include "SimModem.h"
-#include "Worker.h"
+#include "sim/SimModem.h"
+#include "src/ClientRequestManager.h"
+#include "src/Worker.h"
+#include "support/LibraryFixture.h"
 
 namespace kiv {
 namespace {

@@ -2,9 +2,9 @@
 
 #include <vector>
 
-#include "CapturingLog.h"
-#include "ProfileChangedInd.h"
-#include "ProfileKey.h"
+#include "src/ProfileChangedInd.h"
+#include "src/ProfileKey.h"
+#include "support/CapturingLog.h"
 
 namespace kiv {
 namespace {

@@ -3,7 +3,7 @@
 #include <sstream>
 
 #include "ProfileParams.h"
-#include "Secrets.h"
+#include "src/Secrets.h"
 
 namespace kiv {
 namespace {

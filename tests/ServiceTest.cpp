@@ -6,9 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "ServiceFixture.h"
-#include "StateFile.h"
 #include "Util.h"
+#include "sim/StateFile.h"
+#include "support/ServiceFixture.h"
+#include "xal/wds_profile_events.h"
 
 namespace kiv {
 namespace {
@@ -187,7 +188,7 @@ TEST_F(ServiceTest, DaemonRestartedUnderLiveClientsLibraryRecovers) {
 
 TEST_F(ServiceTest, TimeOutNoAnswerWithinItIsATimeOut) {
     startDaemon({"--latency", "300"});
-    xal_idl_service_object_type service = wds_get_service_object_internal_v01(1, 0xF1, 6);
+    xal_idl_service_object_type service = wds::serviceObject();
     xal_service_info info{};
     xal_client_os_params os{};
     xal_client_type client = nullptr;

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "IndicationCodec.h"
-#include "ModemCore.h"
+#include "sim/ModemCore.h"
+#include "wire/IndicationCodec.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "ModemCore.h"
-#include "StateFile.h"
+#include "sim/ModemCore.h"
+#include "sim/StateFile.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <random>
 #include <set>
 
-#include "Conversions.h"
-#include "LibraryFixture.h"
 #include "Util.h"
+#include "src/Conversions.h"
+#include "support/LibraryFixture.h"
 
 namespace kiv {
 namespace {

@@ -2,11 +2,11 @@
 
 #include <cstring>
 
-#include "CapturingLog.h"
-#include "Modem3gppProfile.h"
-#include "SimModem.h"
-#include "WorkerLoop.h"
-#include "XalWdsProxy.h"
+#include "sim/SimModem.h"
+#include "src/Modem3gppProfile.h"
+#include "src/XalWdsProxy.h"
+#include "support/CapturingLog.h"
+#include "support/WorkerLoop.h"
 
 namespace kiv {
 namespace {

@@ -4,8 +4,8 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "Mutex.h"
-#include "diag_host.h"
+#include "base/Mutex.h"
+#include "diag/diag_host.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <vector>
 
-#include "ServiceWire.h"
 #include "XalRemote.h"
+#include "wire/ServiceWire.h"
 
 namespace xalremote {
 
@@ -16,11 +16,14 @@ using android::base::Error;
 using android::base::Result;
 using android::base::ResultError;
 using Clock = std::chrono::steady_clock;
+using wire::Message;
+using wire::MessageType;
+using wire::Role;
 
 namespace {
 
 bool sendMessage(int fd, const Message& message) {
-    const auto bytes = encode(message);
+    const auto bytes = wire::encode(message);
     return TEMP_FAILURE_RETRY(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL)) ==
            static_cast<ssize_t>(bytes.size());
 }
@@ -28,7 +31,7 @@ bool sendMessage(int fd, const Message& message) {
 // What the service says, or why nothing came: a failure of the connection
 // carries a system error number; the service's own refusal carries none.
 Result<Message> receiveMessage(int fd, Clock::time_point deadline) {
-    std::vector<uint8_t> buffer(kMaxMessage + 1);
+    std::vector<uint8_t> buffer(wire::kMaxMessage + 1);
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd in{fd, POLLIN, 0};
@@ -41,9 +44,11 @@ Result<Message> receiveMessage(int fd, Clock::time_point deadline) {
                 TEMP_FAILURE_RETRY(recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT));
         if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
         if (got <= 0) return ResultError("the modem service went away", ECONNRESET);
-        std::string error;
-        auto message = decode(buffer.data(), static_cast<size_t>(got), &error);
-        if (!message) return ResultError("the modem service sent nonsense: " + error, EPROTO);
+        auto message = wire::decode(buffer.data(), static_cast<size_t>(got));
+        if (!message.ok()) {
+            return ResultError("the modem service sent nonsense: " + message.error().message(),
+                               EPROTO);
+        }
         return *message;
     }
 }
@@ -61,9 +66,9 @@ Result<ServiceControl> ServiceControl::connect() {
                            why);
     }
     const auto deadline = Clock::now() + std::chrono::seconds(10);
-    if (!sendMessage(fd.get(), makeMessage(MessageType::kHello, 0,
-                                           {static_cast<uint32_t>(Role::kControl), 0,
-                                            static_cast<uint32_t>(getpid())}))) {
+    if (!sendMessage(fd.get(), wire::makeMessage(MessageType::kHello, 0,
+                                                 {static_cast<uint32_t>(Role::kControl), 0,
+                                                  static_cast<uint32_t>(getpid())}))) {
         return ResultError("the modem service went away", ECONNRESET);
     }
     auto welcome = receiveMessage(fd.get(), deadline);
@@ -99,7 +104,7 @@ Result<nlohmann::json> ServiceControl::call(const nlohmann::json& command,
             return android::base::unexpected(reconnected.error());
     }
     const uint32_t seq = ++mSeq;
-    const Message request = makeText(MessageType::kControl, seq, command.dump());
+    const Message request = wire::makeText(MessageType::kControl, seq, command.dump());
     if (!sendMessage(mFd.get(), request)) {
         const int why = errno;
         if (why != EPIPE && why != ECONNRESET && why != ENOTCONN) {

@@ -8,7 +8,6 @@
 
 #include <poll.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -22,23 +21,25 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "IndicationCodec.h"
-#include "Mutex.h"
-#include "ServiceWire.h"
+#include "base/EventFd.h"
+#include "base/Mutex.h"
+#include "wire/IndicationCodec.h"
+#include "wire/ServiceWire.h"
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
 #include "xal/xal_host.h"
 
 using android::base::unique_fd;
 using Clock = std::chrono::steady_clock;
-using xalremote::EventKind;
-using xalremote::Message;
-using xalremote::MessageType;
-using xalremote::Role;
+using wire::EventKind;
+using wire::Message;
+using wire::MessageType;
+using wire::Role;
 
 namespace {
 
@@ -107,7 +108,7 @@ xal_idl_service_object sWdsService{1};
 
 // Sends one packet, waiting for room until the deadline.
 xal_client_error_type sendPacket(int fd, const Message& message, Clock::time_point deadline) {
-    const std::vector<uint8_t> bytes = xalremote::encode(message);
+    const std::vector<uint8_t> bytes = wire::encode(message);
     for (;;) {
         const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent == static_cast<ssize_t>(bytes.size())) return XAL_NO_ERR;
@@ -123,10 +124,14 @@ xal_client_error_type sendPacket(int fd, const Message& message, Clock::time_poi
 
 // Reads one packet, waiting until the deadline. Null on time-out, end or error.
 std::optional<Message> receivePacket(int fd, Clock::time_point deadline, bool* closed) {
-    std::vector<uint8_t> buffer(xalremote::kMaxMessage + 1);
+    std::vector<uint8_t> buffer(wire::kMaxMessage + 1);
     for (;;) {
         const ssize_t got = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (got > 0) return xalremote::decode(buffer.data(), static_cast<size_t>(got), nullptr);
+        if (got > 0) {
+            auto message = wire::decode(buffer.data(), static_cast<size_t>(got));
+            if (!message.ok()) return std::nullopt;
+            return std::move(*message);
+        }
         if (got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
             *closed = true;
             return std::nullopt;
@@ -143,7 +148,7 @@ xal_client_error_type handshake(unique_fd& fd, Role role, uint32_t flags) {
     fd = xalremote::connectToService();
     if (fd.get() < 0) return XAL_SERVICE_ERR;
     const auto deadline = Clock::now() + kHandshakeTimeout;
-    const Message hello = xalremote::makeMessage(
+    const Message hello = wire::makeMessage(
             MessageType::kHello, 0,
             {static_cast<uint32_t>(role), flags, static_cast<uint32_t>(getpid())});
     if (sendPacket(fd.get(), hello, deadline) != XAL_NO_ERR) {
@@ -245,7 +250,7 @@ class Transport {
         }
         unique_fd fd;
         const xal_client_error_type result =
-                handshake(fd, Role::kService, returning ? xalremote::kReturning : 0);
+                handshake(fd, Role::kService, returning ? wire::kReturning : 0);
         kiv::MutexLock guard(mLock);
         if (result != XAL_NO_ERR) {
             mServiceLost = mServiceLost || returning;
@@ -275,7 +280,7 @@ class Transport {
         client->notifyData = data;
         // The service tells a watching notifier whether it is up.
         if (cb != nullptr && client->connected) {
-            sendPacket(client->fd.get(), xalremote::makeMessage(MessageType::kWatch),
+            sendPacket(client->fd.get(), wire::makeMessage(MessageType::kWatch),
                        Clock::now() + kHandshakeTimeout);
         }
         return XAL_NO_ERR;
@@ -328,12 +333,11 @@ class Transport {
         {
             kiv::MutexLock writer(client->sendLock);
             const auto* bytes = static_cast<const uint8_t*>(request);
-            sent = sendPacket(
-                    client->fd.get(),
-                    xalremote::makeMessage(MessageType::kRequest, seq,
-                                           {msgId, timeoutMs, responseLength},
-                                           std::vector<uint8_t>(bytes, bytes + requestLength)),
-                    deadline);
+            sent = sendPacket(client->fd.get(),
+                              wire::makeMessage(MessageType::kRequest, seq,
+                                                {msgId, timeoutMs, responseLength},
+                                                std::vector<uint8_t>(bytes, bytes + requestLength)),
+                              deadline);
         }
         if (sent == XAL_NO_ERR && onEventThread) {
             // A callback asking: nobody else reads this connection meanwhile.
@@ -449,8 +453,8 @@ class Transport {
             // its end, read by the event thread, answers it.
             kiv::MutexLock writer(ping.client->sendLock);
             if (ping.client->fd.get() >= 0) {
-                sendPacket(ping.client->fd.get(),
-                           xalremote::makeMessage(MessageType::kPing, ping.seq), deadline);
+                sendPacket(ping.client->fd.get(), wire::makeMessage(MessageType::kPing, ping.seq),
+                           deadline);
             }
         }
         guard.lock();
@@ -474,14 +478,10 @@ class Transport {
         std::optional<Answer> answer;
     };
 
-    Transport()
-        : mBusy(nullptr),
-          mServiceLost(false),
-          mEpoll(epoll_create1(EPOLL_CLOEXEC)),
-          mWake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    Transport() : mBusy(nullptr), mServiceLost(false), mEpoll(epoll_create1(EPOLL_CLOEXEC)) {
         const char* path = getenv("KIVR_MODEM");
         if (path != nullptr) mPath = path;
-        if (mEpoll.get() < 0 || mWake.get() < 0) abort();
+        if (mEpoll.get() < 0 || !mWake.valid()) abort();
         epoll_event event{};
         event.events = EPOLLIN;
         event.data.ptr = nullptr;
@@ -514,7 +514,7 @@ class Transport {
         echo.profile_change_evt = WDS_PROFILE_EVENT_MODIFY_V01;
         mDeferred.push_back({client,
                              {EventKind::kIndication, 0, XAL_WDS_PROFILE_CHANGED_IND_V01,
-                              xalsim::encodeProfileChanged(&echo)},
+                              wire::encodeProfileChanged(&echo)},
                              std::nullopt});
         wakeLocked();
         return XAL_NO_ERR;
@@ -526,10 +526,7 @@ class Transport {
         mThreadId = mThread.get_id();
     }
 
-    void wakeLocked() REQUIRES(mLock) {
-        const uint64_t one = 1;
-        TEMP_FAILURE_RETRY(write(mWake.get(), &one, sizeof(one)));
-    }
+    void wakeLocked() REQUIRES(mLock) { mWake.signal(); }
 
     void attachLocked(xal_client_type client, unique_fd fd) REQUIRES(mLock) {
         {
@@ -718,13 +715,13 @@ class Transport {
         }
         attachLocked(client, std::move(fd));
         if (client->notifyCb != nullptr) {
-            sendPacket(client->fd.get(), xalremote::makeMessage(MessageType::kWatch),
+            sendPacket(client->fd.get(), wire::makeMessage(MessageType::kWatch),
                        Clock::now() + kHandshakeTimeout);
         }
     }
 
     void run() {
-        std::vector<uint8_t> buffer(xalremote::kMaxMessage + 1);
+        std::vector<uint8_t> buffer(wire::kMaxMessage + 1);
         kiv::MutexLock guard(mLock);
         for (;;) {
             runDeferred();
@@ -755,9 +752,7 @@ class Transport {
             for (int i = 0; i < count; ++i) {
                 auto* client = static_cast<xal_client_type>(events[i].data.ptr);
                 if (client == nullptr) {
-                    uint64_t value;
-                    while (read(mWake.get(), &value, sizeof(value)) > 0) {
-                    }
+                    mWake.drain();
                     continue;
                 }
                 // Released or reattached since the wait: not this connection's turn.
@@ -775,9 +770,8 @@ class Transport {
                         closed = true;
                         break;
                     }
-                    auto message =
-                            xalremote::decode(buffer.data(), static_cast<size_t>(got), nullptr);
-                    if (!message) {
+                    auto message = wire::decode(buffer.data(), static_cast<size_t>(got));
+                    if (!message.ok()) {
                         closed = true;  // a service that speaks nonsense is no service
                         break;
                     }
@@ -810,7 +804,7 @@ class Transport {
     // Some service client lost the service; the next one to connect says so.
     bool mServiceLost GUARDED_BY(mLock);
     const unique_fd mEpoll;
-    const unique_fd mWake;
+    const kiv::EventFd mWake;
     std::thread mThread;
     std::atomic<std::thread::id> mThreadId{};
 };
@@ -919,7 +913,7 @@ xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsi
         refused = XAL_CLIENT_INVALID_CLNT;
     } else if ((req_c_struct == nullptr && req_c_struct_len != 0) || resp_c_struct == nullptr ||
                resp_c_struct_len < sizeof(xal_response_type_v01) ||
-               req_c_struct_len > xalremote::kMaxMessage - xalremote::kHeaderSize - 12) {
+               req_c_struct_len > wire::kMaxMessage - wire::kHeaderSize - 12) {
         refused = XAL_CLIENT_PARAM_ERR;
     }
     if (refused != XAL_NO_ERR) {
@@ -936,7 +930,7 @@ xal_client_error_type xal_client_message_decode(xal_client_type /*user_handle*/,
                                                 unsigned int message_id, const void* p_src,
                                                 unsigned int src_len, void* p_dst,
                                                 unsigned int dst_len) {
-    return xalsim::decodeMessage(req_resp_ind, message_id, p_src, src_len, p_dst, dst_len);
+    return wire::decodeMessage(req_resp_ind, message_id, p_src, src_len, p_dst, dst_len);
 }
 
 xal_client_error_type xal_client_release(xal_client_type user_handle) {

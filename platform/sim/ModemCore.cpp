@@ -7,10 +7,13 @@
 #include <cstring>
 #include <utility>
 
-#include "IndicationCodec.h"
-#include "WdsSettingsFields.h"
+#include "wire/IndicationCodec.h"
+#include "xal/wds_v01_fields.h"
 
 namespace xalsim {
+
+using android::base::Error;
+using android::base::Result;
 
 namespace {
 
@@ -66,7 +69,7 @@ void unterminateStrings(Settings& s) {
     s.name##_valid = 1;       \
     memset(s.name, 'Z', sizeof(s.name));
 #define XALSIM_FILL_NUM(name)
-    XALSIM_SETTINGS_FIELDS(XALSIM_FILL)
+    WDS_V01_SETTINGS_FIELDS(XALSIM_FILL)
 #undef XALSIM_FILL_NUM
 #undef XALSIM_FILL_STR
 #undef XALSIM_FILL
@@ -268,7 +271,7 @@ void ModemCore::broadcastProfileChangedLocked(int32_t type, uint8_t index, int32
     record.profile_type = static_cast<wds_profile_type_enum_v01>(type);
     record.profile_index = index;
     record.profile_change_evt = static_cast<wds_profile_changed_event_enum_v01>(event);
-    broadcastLocked(XAL_WDS_PROFILE_CHANGED_IND_V01, encodeProfileChanged(&record));
+    broadcastLocked(XAL_WDS_PROFILE_CHANGED_IND_V01, wire::encodeProfileChanged(&record));
 }
 
 void ModemCore::serviceDownLocked() {
@@ -369,7 +372,7 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
                 ready.profile_change_evt = WDS_PROFILE_EVENT_PROFILE_READY_V01;
                 postLocked(id,
                            {Event::kIndication, 0, XAL_WDS_PROFILE_CHANGED_IND_V01,
-                            encodeProfileChanged(&ready)},
+                            wire::encodeProfileChanged(&ready)},
                            Clock::now() + mConfig.indicationDelay);
             }
             return XAL_NO_ERR;
@@ -383,7 +386,7 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
             const int index = lowestFreeIndexLocked(type);
             if (index < 0) return fail(kErrNoFreeProfile);
             Settings settings = emptySettings();
-            kiv::copyValidFields(settings, r);
+            wds::copyValidFields(settings, r);
             settings.persistent_valid = 1;
             settings.persistent = r.persistent_valid ? (r.persistent ? 1 : 0) : 1;
             const uint8_t slot = static_cast<uint8_t>(index);
@@ -401,7 +404,7 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
             const auto r = readRecord<wds_modify_profile_settings_req_msg_v01>(request);
             auto it = mTable.find({r.profile.profile_type, r.profile.profile_index});
             if (it == mTable.end()) return fail(kErrInvalidProfile);
-            if (!commitLocked([&]() REQUIRES(mLock) { kiv::copyValidFields(it->second, r); })) {
+            if (!commitLocked([&]() REQUIRES(mLock) { wds::copyValidFields(it->second, r); })) {
                 return storageFailureLocked<wds_modify_profile_settings_resp_msg_v01>(response);
             }
             broadcastProfileChangedLocked(r.profile.profile_type, r.profile.profile_index,
@@ -521,37 +524,33 @@ void ModemCore::setCommitHook(CommitHook hook) {
     mCommit = std::move(hook);
 }
 
-bool ModemCore::fitsLocked(const Table& table, std::string* error) const {
+Result<void> ModemCore::fitsLocked(const Table& table) const {
     for (const auto& [slot, settings] : table) {
         const auto [first, last] = indexRange(slot.first, mConfig);
         if (knownType(slot.first) && slot.second >= first && slot.second <= last) continue;
-        if (error) {
-            *error = std::string("profile ") + typeName(slot.first) + " " +
-                     std::to_string(slot.second) + " does not fit the modem, which holds " +
-                     (last >= first
-                              ? "indexes " + std::to_string(first) + " to " + std::to_string(last)
-                              : std::string("no profiles")) +
-                     " for " + typeName(slot.first);
-        }
-        return false;
+        return Error() << "profile " << typeName(slot.first) << " " << static_cast<int>(slot.second)
+                       << " does not fit the modem, which holds "
+                       << (last >= first ? "indexes " + std::to_string(first) + " to " +
+                                                   std::to_string(last)
+                                         : std::string("no profiles"))
+                       << " for " << typeName(slot.first);
     }
-    return true;
+    return {};
 }
 
-bool ModemCore::replaceTable(Table table, std::string* error) {
+Result<void> ModemCore::replaceTable(Table table) {
     kiv::MutexLock guard(mLock);
-    if (!fitsLocked(table, error)) return false;
+    if (auto fits = fitsLocked(table); !fits.ok()) return fits;
     mTable = std::move(table);
     touchLocked();
-    return true;
+    return {};
 }
 
-bool ModemCore::restoreTable(const Table& table, std::string* error) {
+Result<void> ModemCore::restoreTable(const Table& table) {
     kiv::MutexLock guard(mLock);
-    if (!fitsLocked(table, error)) return false;
-    if (commitLocked([&]() REQUIRES(mLock) { mTable = table; })) return true;
-    if (error) *error = mLastCommitError;
-    return false;
+    if (auto fits = fitsLocked(table); !fits.ok()) return fits;
+    if (commitLocked([&]() REQUIRES(mLock) { mTable = table; })) return {};
+    return Error() << mLastCommitError;
 }
 
 Table ModemCore::table() const {
@@ -612,7 +611,7 @@ bool ModemCore::externalModify(wds_profile_type_enum_v01 type, uint8_t index,
     kiv::MutexLock guard(mLock);
     auto it = mTable.find({type, index});
     if (it == mTable.end()) return false;
-    if (!commitLocked([&]() REQUIRES(mLock) { kiv::copyValidFields(it->second, changes); }))
+    if (!commitLocked([&]() REQUIRES(mLock) { wds::copyValidFields(it->second, changes); }))
         return false;
     broadcastProfileChangedLocked(type, index, WDS_PROFILE_EVENT_MODIFY_V01);
     return true;
@@ -644,7 +643,7 @@ void ModemCore::sendUnknownIndication(unsigned int msgId) {
 }
 
 void ModemCore::sendInvalidIndication() {
-    sendRawIndication(XAL_WDS_PROFILE_CHANGED_IND_V01, encodeProfileChanged(nullptr));
+    sendRawIndication(XAL_WDS_PROFILE_CHANGED_IND_V01, wire::encodeProfileChanged(nullptr));
 }
 
 void ModemCore::sendUndecodableIndication() {

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "Mutex.h"
+#include "base/Mutex.h"
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
 
@@ -154,10 +154,10 @@ class ModemCore {
     // --- The profile table.
     // Replaces the whole table, as a modem that loaded it. Refused (with the
     // reason) when a profile does not fit the modem's capacity.
-    bool replaceTable(Table table, std::string* error = nullptr);
+    android::base::Result<void> replaceTable(Table table);
     // Puts a whole table in place as one change of the modem (stored like
-    // any other), refused as replaceTable() refuses.
-    bool restoreTable(const Table& table, std::string* error = nullptr);
+    // any other), refused as replaceTable() refuses or as the store refuses.
+    android::base::Result<void> restoreTable(const Table& table);
     Table table() const;
     // The profiles of a table that this modem has room for, by index.
     Table fitting(const Table& table) const;
@@ -290,7 +290,7 @@ class ModemCore {
     // Fills a failure response for a change that could not be stored.
     template <typename Response>
     xal_client_error_type storageFailureLocked(void* response) REQUIRES(mLock);
-    bool fitsLocked(const Table& table, std::string* error) const REQUIRES(mLock);
+    android::base::Result<void> fitsLocked(const Table& table) const REQUIRES(mLock);
     void clearFaultsLocked() REQUIRES(mLock);
     int lowestFreeIndexLocked(int32_t type) const REQUIRES(mLock);
     int createProfileLocked(int32_t type, const Settings& settings) REQUIRES(mLock);

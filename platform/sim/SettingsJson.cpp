@@ -4,11 +4,13 @@
 #include <limits>
 #include <type_traits>
 
-#include "Utf8.h"
-#include "WdsSettingsFields.h"
+#include "base/Utf8.h"
+#include "xal/wds_v01_fields.h"
 
 namespace xalsim {
 
+using android::base::Error;
+using android::base::Result;
 using nlohmann::json;
 
 json textJson(const std::string& text) {
@@ -105,18 +107,15 @@ nlohmann::ordered_json profileToJson(const Slot& slot, const Settings& s) {
     if (s.name##_valid) out[#name] = XALSIM_TO_JSON_##kind(name);
 #define XALSIM_TO_JSON_STR(name) textToJson(s.name)
 #define XALSIM_TO_JSON_NUM(name) numberToJson(s.name)
-    XALSIM_SETTINGS_FIELDS(XALSIM_TO_JSON)
+    WDS_V01_SETTINGS_FIELDS(XALSIM_TO_JSON)
 #undef XALSIM_TO_JSON_NUM
 #undef XALSIM_TO_JSON_STR
 #undef XALSIM_TO_JSON
     return out;
 }
 
-bool profileFromJson(const json& object, Slot* slot, Settings* settings, std::string* error) {
-    auto fail = [&](const std::string& why) {
-        if (error) *error = why;
-        return false;
-    };
+Result<Profile> profileFromJson(const json& object) {
+    auto fail = [](const std::string& why) -> Result<Profile> { return Error() << why; };
     if (!object.is_object()) return fail("a profile must be an object");
     if (!object.contains("type") || !object["type"].is_string()) {
         return fail("a profile needs \"type\": \"3gpp\" or \"3gpp2\"");
@@ -155,7 +154,7 @@ bool profileFromJson(const json& object, Slot* slot, Settings* settings, std::st
     }
 #define XALSIM_FROM_JSON_STR(value, field) textFromJson(value, s.field)
 #define XALSIM_FROM_JSON_NUM(value, field) numberFromJson(value, s.field)
-        XALSIM_SETTINGS_FIELDS(XALSIM_FROM_JSON)
+        WDS_V01_SETTINGS_FIELDS(XALSIM_FROM_JSON)
 #undef XALSIM_FROM_JSON_NUM
 #undef XALSIM_FROM_JSON_STR
 #undef XALSIM_FROM_JSON
@@ -168,9 +167,7 @@ bool profileFromJson(const json& object, Slot* slot, Settings* settings, std::st
                         "\"");
         }
     }
-    *slot = {profileType, index};
-    *settings = s;
-    return true;
+    return Profile{static_cast<wds_profile_type_enum_v01>(profileType), index, s};
 }
 
 }  // namespace xalsim

@@ -8,6 +8,8 @@
 // record. Text that is not UTF-8 is kept byte for byte as {"hex": "..."}.
 #pragma once
 
+#include <android-base/result.h>
+
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -18,8 +20,8 @@ namespace xalsim {
 nlohmann::ordered_json profileToJson(const Slot& slot, const Settings& settings);
 // Text as JSON: itself when UTF-8, else {"hex": "..."}.
 nlohmann::json textJson(const std::string& text);
-// False, with the reason, for anything but a well-formed profile.
-bool profileFromJson(const nlohmann::json& object, Slot* slot, Settings* settings,
-                     std::string* error);
+// A profile's place and settings; an error, with the reason, for anything
+// but a well-formed profile.
+android::base::Result<Profile> profileFromJson(const nlohmann::json& object);
 
 }  // namespace xalsim

@@ -9,8 +9,8 @@
 #include <memory>
 #include <thread>
 
-#include "Mutex.h"
 #include "SimModem.h"
+#include "base/Mutex.h"
 
 struct xal_client_struct {
     bool notifier = false;

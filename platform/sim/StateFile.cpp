@@ -11,8 +11,8 @@
 #include <cstring>
 #include <thread>
 
-#include "LockFile.h"
 #include "SettingsJson.h"
+#include "base/LockFile.h"
 
 namespace xalsim {
 
@@ -58,11 +58,10 @@ Result<Table> parseJson(const std::string& text) {
     }
     Table table;
     for (const auto& object : document["profiles"]) {
-        Slot slot;
-        Settings settings;
-        std::string why;
-        if (!profileFromJson(object, &slot, &settings, &why)) return Error() << why;
-        if (!table.emplace(slot, settings).second) {
+        auto profile = profileFromJson(object);
+        if (!profile.ok()) return profile.error();
+        const Slot slot{profile->type, profile->index};
+        if (!table.emplace(slot, profile->settings).second) {
             return Error() << "profile " << typeName(slot.first) << " "
                            << static_cast<int>(slot.second) << " listed twice";
         }
@@ -147,6 +146,32 @@ Result<Table> StateFile::load() const {
     auto table = parse(text);
     if (!table.ok()) return Error() << mPath << ": " << table.error().message();
     return table;
+}
+
+Result<StateFile::PowerOn> StateFile::powerOn(ModemCore& modem, bool mustSave) const {
+    PowerOn result;
+    const bool created = !exists();
+    Table table;
+    if (created) {
+        const Table factory = factoryTable();
+        table = modem.fitting(factory);
+        result.factoryLeftOut = factory.size() - table.size();
+    } else {
+        auto loaded = load();
+        if (!loaded.ok()) return loaded.error();
+        table = std::move(*loaded);
+    }
+    if (auto fits = modem.replaceTable(table); !fits.ok()) {
+        return Error() << mPath << ": " << fits.error().message();
+    }
+    keepPersistent(table);
+    // Fits: it is what was just taken, less some.
+    (void)modem.replaceTable(table);
+    result.profiles = table.size();
+    if (created || mustSave) {
+        if (auto saved = save(table); !saved.ok()) return saved.error();
+    }
+    return result;
 }
 
 std::string StateFile::serialize(const Table& table) {

@@ -23,8 +23,8 @@
 #include <optional>
 #include <string>
 
-#include "LockFile.h"
 #include "ModemCore.h"
+#include "base/LockFile.h"
 
 namespace xalsim {
 
@@ -41,6 +41,21 @@ class StateFile {
     bool exists() const;
     android::base::Result<Table> load() const;
     android::base::Result<void> save(const Table& table) const;
+
+    // What a power-on did: the profiles the modem started with, and how
+    // many factory profiles a new modem had no room for.
+    struct PowerOn {
+        size_t profiles = 0;
+        size_t factoryLeftOut = 0;
+    };
+    // Powers `modem` on from the file: the table stored there (for a new
+    // file, the factory profiles the modem has room for), less what the
+    // modem does not store persistently. The file is written when it is new,
+    // and always with `mustSave` (a service proves at once that it can store
+    // what it serves); otherwise the next change stores what was dropped.
+    // An error with a system error number is the system's; one without is
+    // the file's content.
+    android::base::Result<PowerOn> powerOn(ModemCore& modem, bool mustSave) const;
 
     // The file's text for a table, and back.
     static std::string serialize(const Table& table);

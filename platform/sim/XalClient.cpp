@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "IndicationCodec.h"
 #include "SimModemImpl.h"
+#include "wire/IndicationCodec.h"
 #include "xal/xal_host.h"
 
 namespace xalsim {
@@ -176,7 +176,7 @@ xal_client_error_type xal_client_message_decode(xal_client_type /*user_handle*/,
                                                 unsigned int message_id, const void* p_src,
                                                 unsigned int src_len, void* p_dst,
                                                 unsigned int dst_len) {
-    return xalsim::decodeMessage(req_resp_ind, message_id, p_src, src_len, p_dst, dst_len);
+    return wire::decodeMessage(req_resp_ind, message_id, p_src, src_len, p_dst, dst_len);
 }
 
 int xal_host_wait_for_registration(unsigned int timeout_msecs) {

@@ -1,6 +1,6 @@
 #include "CapturingLog.h"
 
-#include "Mutex.h"
+#include "base/Mutex.h"
 
 namespace kiv::test {
 

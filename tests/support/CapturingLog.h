@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "LogWrapper.h"
-#include "Mutex.h"
+#include "base/Mutex.h"
+#include "src/LogWrapper.h"
 
 namespace kiv::test {
 

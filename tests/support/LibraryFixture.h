@@ -6,7 +6,7 @@
 
 #include "CapturingLog.h"
 #include "Manager.h"
-#include "SimModem.h"
+#include "sim/SimModem.h"
 
 namespace kiv::test {
 

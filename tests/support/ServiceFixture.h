@@ -17,10 +17,10 @@
 
 #include "CapturingLog.h"
 #include "Manager.h"
-#include "ServiceControl.h"
 #include "Subprocess.h"
-#include "XalRemote.h"
-#include "diag_host.h"
+#include "diag/diag_host.h"
+#include "remote/ServiceControl.h"
+#include "remote/XalRemote.h"
 
 namespace kiv::test {
 

@@ -8,10 +8,10 @@
 #include <future>
 #include <thread>
 
-#include "EventFd.h"
-#include "EventManager.h"
-#include "Mutex.h"
 #include "Watchdog.h"
+#include "base/EventFd.h"
+#include "base/Mutex.h"
+#include "src/EventManager.h"
 
 namespace kiv::test {
 

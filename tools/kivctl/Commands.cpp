@@ -10,11 +10,11 @@
 #include <map>
 
 #include "ApnsConf.h"
-#include "Errors.h"
 #include "ProfileOptions.h"
 #include "Shell.h"
 #include "Watcher.h"
-#include "XalRemote.h"
+#include "common/Errors.h"
+#include "remote/XalRemote.h"
 #include "xal/wds_v01.h"
 
 namespace kivctl {

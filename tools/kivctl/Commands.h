@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "Arguments.h"
 #include "Output.h"
 #include "Session.h"
+#include "common/Arguments.h"
 
 namespace kivctl {
 

@@ -5,9 +5,9 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
-#include "Arguments.h"
 #include "Commands.h"
 #include "Session.h"
+#include "common/Arguments.h"
 
 #ifndef KIVCTL_VERSION
 #define KIVCTL_VERSION "unknown"

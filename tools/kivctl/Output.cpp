@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cctype>
 
-#include "Errors.h"
 #include "ProfileOptions.h"
-#include "SettingsJson.h"
+#include "common/Errors.h"
+#include "sim/SettingsJson.h"
 
 namespace kivctl {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "Mutex.h"
 #include "ProfileParams.h"
+#include "base/Mutex.h"
 
 namespace kivctl {
 

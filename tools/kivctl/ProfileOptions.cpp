@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <map>
 
-#include "Errors.h"
-#include "Utf8.h"
+#include "base/Utf8.h"
+#include "common/Errors.h"
 #include "xal/wds_v01.h"
 
 namespace kivctl {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "Arguments.h"
 #include "ProfileParams.h"
+#include "common/Arguments.h"
 
 namespace kivctl {
 

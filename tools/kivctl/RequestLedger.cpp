@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "ModemCore.h"
-#include "XalRemote.h"
+#include "remote/XalRemote.h"
+#include "sim/ModemCore.h"
 #include "xal/wds_v01.h"
 
 namespace kivctl {

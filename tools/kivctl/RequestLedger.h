@@ -18,7 +18,7 @@
 #include <set>
 #include <vector>
 
-#include "Mutex.h"
+#include "base/Mutex.h"
 #include "xal/xal_client.h"
 
 namespace kivctl {

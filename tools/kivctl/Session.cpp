@@ -9,14 +9,14 @@
 #include <map>
 #include <thread>
 
-#include "Errors.h"
-#include "ModemCore.h"
-#include "ModemServer.h"
-#include "Mutex.h"
 #include "ProfileOptions.h"
-#include "StateFile.h"
-#include "XalRemote.h"
-#include "diag_host.h"
+#include "base/Mutex.h"
+#include "common/Errors.h"
+#include "diag/diag_host.h"
+#include "remote/XalRemote.h"
+#include "service/ModemServer.h"
+#include "sim/ModemCore.h"
+#include "sim/StateFile.h"
 #include "xal/wds_v01.h"
 
 namespace kivctl {
@@ -73,32 +73,16 @@ class EmbeddedModem {
         auto log = [verbose = globals.log](const std::string& line) {
             if (verbose) std::cerr << "kivctl: modem: " << printable(line) << "\n";
         };
-        mServer = std::make_unique<kivmodemd::ModemServer>(kivmodemd::ModemServer::Options(), log);
+        mServer =
+                std::make_unique<xalservice::ModemServer>(xalservice::ModemServer::Options(), log);
         xalsim::ModemCore& modem = mServer->modem();
-        const bool firstUse = !mState->exists();
-        xalsim::Table table = xalsim::factoryTable();
-        if (!firstUse) {
-            auto loaded = mState->load();
-            // The system's reason for a file that cannot be read; what is in
-            // a file that can is the user's to fix.
-            if (!loaded.ok() && loaded.error().code() != 0) throw Refused(loaded.error().message());
-            if (!loaded.ok()) {
-                throw UsageError("malformed modem state: " + loaded.error().message());
-            }
-            table = std::move(*loaded);
-        }
-        std::string why;
-        if (!modem.replaceTable(table, &why)) {
-            throw UsageError("malformed modem state: " + mState->path() + ": " + why);
-        }
         // Each run is the modem powering on: temporaries of a run that ended
         // without cleaning up (it was killed) are gone.
-        xalsim::keepPersistent(table);
-        modem.replaceTable(table);
-        if (firstUse) {
-            if (auto saved = mState->save(table); !saved.ok())
-                throw Refused(saved.error().message());
-        }
+        auto powered = mState->powerOn(modem, /*mustSave=*/false);
+        // The system's reason for a file that cannot be read or written;
+        // what is in a file that can is the user's to fix.
+        if (!powered.ok() && powered.error().code() != 0) throw Refused(powered.error().message());
+        if (!powered.ok()) throw UsageError("malformed modem state: " + powered.error().message());
         modem.setCommitHook([this](const xalsim::Table& changed) {
             auto saved = mState->save(changed);
             if (!saved.ok()) {
@@ -136,7 +120,7 @@ class EmbeddedModem {
     kiv::Mutex mLock;
     std::string mLastSaveError GUARDED_BY(mLock);
     std::optional<xalsim::StateFile> mState;
-    std::unique_ptr<kivmodemd::ModemServer> mServer;
+    std::unique_ptr<xalservice::ModemServer> mServer;
     std::thread mThread;
 };
 

@@ -13,8 +13,8 @@
 #include "Manager.h"
 #include "Output.h"
 #include "RequestLedger.h"
-#include "ServiceControl.h"
 #include "Util.h"
+#include "remote/ServiceControl.h"
 
 namespace kivctl {
 

@@ -5,8 +5,8 @@
 #include <map>
 
 #include "Commands.h"
-#include "Errors.h"
 #include "ProfileOptions.h"
+#include "common/Errors.h"
 
 namespace kivctl {
 

@@ -1,15 +1,16 @@
 #include "Watcher.h"
 
-#include "Errors.h"
 #include "Output.h"
-#include "SettingsJson.h"
-#include "XalRemote.h"
+#include "common/Errors.h"
+#include "remote/XalRemote.h"
+#include "sim/SettingsJson.h"
+#include "xal/wds_profile_events.h"
 
 namespace kivctl {
 
 ChangeWatcher::ChangeWatcher(std::chrono::milliseconds timeout, RequestLedger& ledger)
     : mTimeout(timeout), mLedger(ledger) {
-    mService = wds_get_service_object_internal_v01(1, 0xF1, 6);
+    mService = wds::serviceObject();
     // The notifier says when the service is back after it went away.
     xal_client_os_params os{};
     if (xal_client_notifier_init(mService, &os, &mNotifier) != XAL_NO_ERR ||
@@ -38,15 +39,8 @@ bool ChangeWatcher::connect() {
         mLost = false;
     }
     xal_client_register_error_cb(mClient, onError, this);
-    wds_indication_register_req_msg_v01 events{};
-    events.report_profile_changed_events_valid = 1;
-    events.report_profile_changed_events = 1;
-    wds_configure_profile_event_list_req_msg_v01 all{};
-    all.profile_event_register_valid = 1;
-    all.profile_event_register_len = 1;
-    all.profile_event_register[0] = {WDS_PROFILE_TYPE_ALL_V01, 0xFF};
-    all.report_all_profiles_valid = 1;
-    all.report_all_profiles = 1;
+    wds_indication_register_req_msg_v01 events = wds::profileChangedEventsRequest();
+    wds_configure_profile_event_list_req_msg_v01 all = wds::allProfileEventsRequest();
     if (!send(XAL_WDS_INDICATION_REGISTER_REQ_V01, &events, sizeof(events)) ||
         !send(XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, &all, sizeof(all))) {
         disconnect();

@@ -10,9 +10,9 @@
 #include <optional>
 #include <vector>
 
-#include "ModemCore.h"
-#include "Mutex.h"
 #include "RequestLedger.h"
+#include "base/Mutex.h"
+#include "sim/ModemCore.h"
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
 

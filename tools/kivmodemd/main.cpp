@@ -9,10 +9,10 @@
 #include <iostream>
 #include <string>
 
-#include "Arguments.h"
-#include "Errors.h"
-#include "ModemServer.h"
-#include "StateFile.h"
+#include "common/Arguments.h"
+#include "common/Errors.h"
+#include "service/ModemServer.h"
+#include "sim/StateFile.h"
 
 namespace {
 
@@ -60,7 +60,7 @@ int fail(int status, const std::string& why) {
 
 int main(int argc, char** argv) {
     std::string statePath, socketPath;
-    kivmodemd::ModemServer::Options options;
+    xalservice::ModemServer::Options options;
     try {
         const std::vector<kivctl::KnownOption> known = {
                 {"--state", "FILE", ""},      {"--socket", "PATH", ""},
@@ -116,32 +116,20 @@ int main(int argc, char** argv) {
     auto state = xalsim::StateFile::open(statePath, "kivmodemd", std::chrono::milliseconds(0));
     if (!state.ok()) return fail(kFailed, state.error().message());
 
-    kivmodemd::ModemServer server(options, logLine);
+    xalservice::ModemServer server(options, logLine);
     xalsim::ModemCore& modem = server.modem();
-    xalsim::Table table;
-    if (state->exists()) {
-        auto loaded = state->load();
-        if (!loaded.ok()) return fail(kBadInput, loaded.error().message());
-        table = std::move(*loaded);
-    } else {
-        // A new modem ships with the factory profiles it has room for.
-        const xalsim::Table factory = xalsim::factoryTable();
-        table = modem.fitting(factory);
-        if (table.size() != factory.size()) {
-            logLine("a new modem with room for " + std::to_string(table.size()) + " of the " +
-                    std::to_string(factory.size()) + " factory profiles starts with those");
-        }
-    }
-    std::string why;
-    if (!modem.replaceTable(table, &why)) return fail(kBadInput, state->path() + ": " + why);
-    // A modem that powers on keeps only what it stores persistently.
-    xalsim::keepPersistent(table);
-    modem.replaceTable(table);
     if (auto listening = server.listen(socketPath); !listening.ok()) {
         return fail(kFailed, listening.error().message());
     }
-    if (auto saved = state->save(table); !saved.ok()) {
-        return fail(kFailed, saved.error().message());
+    // Saved at once: a service that cannot store what it serves does not start.
+    auto powered = state->powerOn(modem, /*mustSave=*/true);
+    if (!powered.ok()) {
+        return fail(powered.error().code() == 0 ? kBadInput : kFailed, powered.error().message());
+    }
+    if (powered->factoryLeftOut > 0) {
+        logLine("a new modem with room for " + std::to_string(powered->profiles) + " of the " +
+                std::to_string(powered->profiles + powered->factoryLeftOut) +
+                " factory profiles starts with those");
     }
     modem.setCommitHook([&state](const xalsim::Table& changed) {
         auto saved = state->save(changed);
@@ -154,7 +142,7 @@ int main(int argc, char** argv) {
                 "library's requests (1000 ms) go unanswered");
     }
     printf("kivmodemd: ready on %s (state %s, %zu profiles)\n", socketPath.c_str(),
-           state->path().c_str(), table.size());
+           state->path().c_str(), powered->profiles);
     fflush(stdout);
 
     server.run(signals.get());

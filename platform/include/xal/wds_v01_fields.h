@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-#define XALSIM_SETTINGS_FIELDS(X)     \
+#define WDS_V01_SETTINGS_FIELDS(X)    \
     X(STR, profile_name)              \
     X(NUM, pdp_type)                  \
     X(STR, apn_name)                  \
@@ -34,19 +34,19 @@
     X(STR, pdn_level_user_id)         \
     X(STR, pdn_level_auth_password)
 
-namespace kiv {
+namespace wds {
 
 // Copies every settings field whose valid flag is set in from.
 template <typename To, typename From>
 void copyValidFields(To& to, const From& from) {
-#define XALSIM_COPY(kind, name)                                     \
+#define WDS_V01_COPY(kind, name)                                    \
     if (from.name##_valid) {                                        \
         to.name##_valid = 1;                                        \
         static_assert(sizeof(to.name) == sizeof(from.name), #name); \
         memcpy(&to.name, &from.name, sizeof(to.name));              \
     }
-    XALSIM_SETTINGS_FIELDS(XALSIM_COPY)
-#undef XALSIM_COPY
+    WDS_V01_SETTINGS_FIELDS(WDS_V01_COPY)
+#undef WDS_V01_COPY
 }
 
-}  // namespace kiv
+}  // namespace wds

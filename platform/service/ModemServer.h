@@ -27,12 +27,13 @@
 #include <string>
 #include <vector>
 
-#include "LockFile.h"
-#include "ModemCore.h"
-#include "Mutex.h"
-#include "ServiceWire.h"
+#include "base/EventFd.h"
+#include "base/LockFile.h"
+#include "base/Mutex.h"
+#include "sim/ModemCore.h"
+#include "wire/ServiceWire.h"
 
-namespace kivmodemd {
+namespace xalservice {
 
 class ModemServer {
   public:
@@ -74,7 +75,7 @@ class ModemServer {
     struct Connection {
         uint64_t id;
         android::base::unique_fd fd;
-        xalremote::Role role = xalremote::Role::kProbe;
+        wire::Role role = wire::Role::kProbe;
         bool greeted = false;
         bool clientOpen = false;  // the modem knows it as a client
         bool dead = false;
@@ -115,11 +116,11 @@ class ModemServer {
     void accept();
     void addConnection(android::base::unique_fd fd);
     void readFrom(Connection& connection);
-    void handle(Connection& connection, const xalremote::Message& message);
-    void handleControl(Connection& connection, const xalremote::Message& message);
+    void handle(Connection& connection, const wire::Message& message);
+    void handleControl(Connection& connection, const wire::Message& message);
     void drop(Connection& connection, const std::string& why);
     void close(Connection& connection);
-    void reply(Connection& connection, const xalremote::Message& message);
+    void reply(Connection& connection, const wire::Message& message);
     void queue(Connection& connection, Outgoing outgoing);
     void flush(Connection& connection, Clock::time_point now);
     void takePosted();
@@ -136,7 +137,7 @@ class ModemServer {
     xalsim::ModemCore mModem;
 
     android::base::unique_fd mEpoll;
-    android::base::unique_fd mWake;  // stop(), adopt() and events posted by other threads
+    kiv::EventFd mWake;  // stop(), adopt() and events posted by other threads
     android::base::unique_fd mListener;
     std::optional<kiv::LockFile> mSocketLock;
     std::string mSocketPath;
@@ -164,4 +165,4 @@ class ModemServer {
     static constexpr uint64_t kFirstConnection = 16;
 };
 
-}  // namespace kivmodemd
+}  // namespace xalservice

@@ -10,7 +10,7 @@
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
 
-namespace xalsim {
+namespace wire {
 
 // A null record encodes an indication without the record (valid flag 0).
 std::vector<uint8_t> encodeProfileChanged(const wds_profile_changed_ind_type_v01* record);
@@ -22,4 +22,4 @@ xal_client_error_type decodeMessage(xal_idl_type_of_msg_type kind, unsigned int 
                                     const void* source, unsigned int sourceLength,
                                     void* destination, unsigned int destinationLength);
 
-}  // namespace xalsim
+}  // namespace wire

@@ -2,7 +2,6 @@
 
 #include <android-base/stringprintf.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,9 +13,9 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "SettingsJson.h"
+#include "sim/SettingsJson.h"
 
-namespace kivmodemd {
+namespace xalservice {
 
 using android::base::ErrnoError;
 using android::base::Error;
@@ -24,9 +23,9 @@ using android::base::Result;
 using android::base::StringPrintf;
 using android::base::unique_fd;
 using nlohmann::json;
-using xalremote::Message;
-using xalremote::MessageType;
-using xalremote::Role;
+using wire::Message;
+using wire::MessageType;
+using wire::Role;
 using xalsim::Event;
 
 namespace {
@@ -52,27 +51,16 @@ const char* roleName(Role role) {
     return "client";
 }
 
-void wakeUp(int fd) {
-    const uint64_t one = 1;
-    TEMP_FAILURE_RETRY(write(fd, &one, sizeof(one)));
-}
-
-void drain(int fd) {
-    uint64_t value;
-    while (read(fd, &value, sizeof(value)) > 0) {
-    }
-}
-
-xalremote::EventKind wireKind(Event::Kind kind) {
+wire::EventKind wireKind(Event::Kind kind) {
     switch (kind) {
         case Event::kNotify:
-            return xalremote::EventKind::kNotify;
+            return wire::EventKind::kNotify;
         case Event::kError:
-            return xalremote::EventKind::kError;
+            return wire::EventKind::kError;
         case Event::kIndication:
             break;
     }
-    return xalremote::EventKind::kIndication;
+    return wire::EventKind::kIndication;
 }
 
 // A message id given in a control command.
@@ -103,10 +91,9 @@ ModemServer::ModemServer(const Options& options, Log log)
           }
           // The service thread looks at what was posted after every step;
           // a post from elsewhere has to wake it.
-          wakeUp(mWake.get());
+          mWake.signal();
       }),
       mEpoll(epoll_create1(EPOLL_CLOEXEC)),
-      mWake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       mStopping(false) {
     mModem.reset(options.config);
     if (mEpoll.get() < 0 || mWake.get() < 0) {
@@ -175,7 +162,7 @@ void ModemServer::adopt(unique_fd connection) {
         kiv::MutexLock guard(mPostedLock);
         mAdopted.push_back(std::move(connection));
     }
-    wakeUp(mWake.get());
+    mWake.signal();
 }
 
 void ModemServer::stop() {
@@ -183,7 +170,7 @@ void ModemServer::stop() {
         kiv::MutexLock guard(mPostedLock);
         mStopping = true;
     }
-    wakeUp(mWake.get());
+    mWake.signal();
 }
 
 void ModemServer::run(int stopFd) {
@@ -216,7 +203,7 @@ ModemServer::Step ModemServer::step(int timeoutMs) {
     for (int i = 0; i < count; ++i) {
         const uint64_t key = events[i].data.u64;
         if (key == kWakeKey) {
-            drain(mWake.get());
+            mWake.drain();
             std::vector<unique_fd> adopted;
             {
                 kiv::MutexLock guard(mPostedLock);
@@ -319,7 +306,7 @@ void ModemServer::addConnection(unique_fd fd) {
 }
 
 void ModemServer::readFrom(Connection& connection) {
-    static thread_local std::vector<uint8_t> buffer(xalremote::kMaxMessage + 1);
+    static thread_local std::vector<uint8_t> buffer(wire::kMaxMessage + 1);
     for (int turn = 0; turn < kReadsPerTurn && !connection.dead; ++turn) {
         iovec part{buffer.data(), buffer.size()};
         msghdr header{};
@@ -340,10 +327,9 @@ void ModemServer::readFrom(Connection& connection) {
             drop(connection, "message too long");
             return;
         }
-        std::string error;
-        auto message = xalremote::decode(buffer.data(), static_cast<size_t>(got), &error);
-        if (!message) {
-            drop(connection, error);
+        auto message = wire::decode(buffer.data(), static_cast<size_t>(got));
+        if (!message.ok()) {
+            drop(connection, message.error().message());
             return;
         }
         handle(connection, *message);
@@ -368,8 +354,7 @@ void ModemServer::handle(Connection& connection, const Message& message) {
     const xalsim::ClientId client = clientIdOf(connection.id);
     if (!connection.greeted) {
         if (message.type != MessageType::kHello || message.words[0] > 3) {
-            drop(connection,
-                 std::string("expected hello, got ") + xalremote::typeName(message.type));
+            drop(connection, std::string("expected hello, got ") + wire::typeName(message.type));
             return;
         }
         connection.greeted = true;
@@ -382,7 +367,7 @@ void ModemServer::handle(Connection& connection, const Message& message) {
                 result = mModem.openClient(
                         client,
                         service ? xalsim::ClientRole::kService : xalsim::ClientRole::kNotifier,
-                        (message.words[1] & xalremote::kReturning) != 0);
+                        (message.words[1] & wire::kReturning) != 0);
                 connection.clientOpen = result == XAL_NO_ERR;
                 break;
             }
@@ -394,8 +379,8 @@ void ModemServer::handle(Connection& connection, const Message& message) {
         }
         mLog(StringPrintf("%s: %s", describe(connection).c_str(),
                           result == XAL_NO_ERR ? "welcome" : "refused"));
-        reply(connection, xalremote::makeMessage(MessageType::kWelcome, message.seq,
-                                                 {static_cast<uint32_t>(result)}));
+        reply(connection, wire::makeMessage(MessageType::kWelcome, message.seq,
+                                            {static_cast<uint32_t>(result)}));
         return;
     }
     switch (message.type) {
@@ -408,10 +393,9 @@ void ModemServer::handle(Connection& connection, const Message& message) {
             const unsigned int msgId = message.words[0];
             ++mArrivals[msgId];
             const uint32_t responseLength = message.words[2];
-            if (responseLength > xalremote::kMaxMessage - xalremote::kHeaderSize - 4) {
-                reply(connection,
-                      xalremote::makeMessage(MessageType::kResponse, message.seq,
-                                             {static_cast<uint32_t>(XAL_CLIENT_PARAM_ERR)}));
+            if (responseLength > wire::kMaxMessage - wire::kHeaderSize - 4) {
+                reply(connection, wire::makeMessage(MessageType::kResponse, message.seq,
+                                                    {static_cast<uint32_t>(XAL_CLIENT_PARAM_ERR)}));
                 return;
             }
             mPending.push_back({connection.id, message.seq, msgId, message.words[1], responseLength,
@@ -420,7 +404,7 @@ void ModemServer::handle(Connection& connection, const Message& message) {
         }
         case MessageType::kPing:
             // After every event sent before it: the client then has them all.
-            reply(connection, xalremote::makeMessage(MessageType::kPong, message.seq));
+            reply(connection, wire::makeMessage(MessageType::kPong, message.seq));
             return;
         case MessageType::kControl:
             if (connection.role != Role::kControl) break;
@@ -429,12 +413,12 @@ void ModemServer::handle(Connection& connection, const Message& message) {
         default:
             break;
     }
-    drop(connection, std::string("unexpected ") + xalremote::typeName(message.type) + " from a " +
+    drop(connection, std::string("unexpected ") + wire::typeName(message.type) + " from a " +
                              roleName(connection.role));
 }
 
 void ModemServer::reply(Connection& connection, const Message& message) {
-    queue(connection, {Clock::now(), xalremote::encode(message), std::nullopt});
+    queue(connection, {Clock::now(), wire::encode(message), std::nullopt});
 }
 
 void ModemServer::queue(Connection& connection, Outgoing outgoing) {
@@ -454,12 +438,11 @@ void ModemServer::takePosted() {
     for (auto& [client, event, due] : posted) {
         auto it = mConnections.find(connectionOf(client));
         if (it == mConnections.end() || it->second.dead) continue;
-        const Message message =
-                xalremote::makeMessage(MessageType::kEvent, 0,
-                                       {static_cast<uint32_t>(wireKind(event.kind)),
-                                        static_cast<uint32_t>(event.code), event.msgId},
-                                       std::move(event.payload));
-        queue(it->second, {due, xalremote::encode(message), event.kind});
+        const Message message = wire::makeMessage(MessageType::kEvent, 0,
+                                                  {static_cast<uint32_t>(wireKind(event.kind)),
+                                                   static_cast<uint32_t>(event.code), event.msgId},
+                                                  std::move(event.payload));
+        queue(it->second, {due, wire::encode(message), event.kind});
     }
 }
 
@@ -533,7 +516,7 @@ std::optional<ModemServer::Clock::time_point> ModemServer::serveDue(Clock::time_
         if (result != XAL_TIMEOUT_ERR) {
             // A time-out is no answer at all: the client's own clock tells it.
             reply(it->second,
-                  xalremote::makeMessage(
+                  wire::makeMessage(
                           MessageType::kResponse, head.seq, {static_cast<uint32_t>(result)},
                           result == XAL_NO_ERR ? std::move(response) : std::vector<uint8_t>()));
         }
@@ -556,8 +539,7 @@ void ModemServer::checkWaiters(Clock::time_point now) {
         if (connection != mConnections.end() && !connection->second.dead) {
             json answer = {{"ok", met}, {"count", arrived}};
             if (!met) answer["error"] = "time-out";
-            reply(connection->second,
-                  xalremote::makeText(MessageType::kReply, it->seq, answer.dump()));
+            reply(connection->second, wire::makeText(MessageType::kReply, it->seq, answer.dump()));
         }
         it = mWaiters.erase(it);
     }
@@ -623,11 +605,10 @@ void ModemServer::handleControl(Connection& connection, const Message& message) 
         // The whole table changed: every client is told to read it again. A
         // fresh modem has no faults to come either.
         mModem.clearFaults();
-        std::string why;
-        if (mModem.restoreTable(xalsim::factoryTable(), &why)) {
+        if (auto restored = mModem.restoreTable(xalsim::factoryTable()); restored.ok()) {
             mModem.sendProfileReady();
         } else {
-            refuse(why);
+            refuse(restored.error().message());
         }
     } else if (op == "fail" || op == "timeout") {
         const auto id = messageId(command.value("msgId", json()));
@@ -700,7 +681,7 @@ void ModemServer::handleControl(Connection& connection, const Message& message) 
     } else {
         refuse("unknown command '" + op + "'");
     }
-    reply(connection, xalremote::makeText(MessageType::kReply, message.seq, answer.dump()));
+    reply(connection, wire::makeText(MessageType::kReply, message.seq, answer.dump()));
 }
 
-}  // namespace kivmodemd
+}  // namespace xalservice

@@ -7,7 +7,7 @@
 #include <cctype>
 
 #include "Errors.h"
-#include "Utf8.h"
+#include "base/Utf8.h"
 
 namespace kivctl {
 

@@ -21,12 +21,13 @@
 // Integers are in the host's byte order: both ends are on one machine.
 #pragma once
 
+#include <android-base/result.h>
+
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
-namespace xalremote {
+namespace wire {
 
 inline constexpr uint32_t kMagic = 0x314D564B;  // "KVM1"
 inline constexpr size_t kHeaderSize = 12;
@@ -68,11 +69,11 @@ size_t wordCount(MessageType type);
 const char* typeName(MessageType type);
 
 std::vector<uint8_t> encode(const Message& message);
-// Null, with the reason, for bytes that are not one well-formed message.
-std::optional<Message> decode(const uint8_t* bytes, size_t length, std::string* error);
+// An error, with the reason, for bytes that are not one well-formed message.
+android::base::Result<Message> decode(const uint8_t* bytes, size_t length);
 
 Message makeMessage(MessageType type, uint32_t seq = 0, std::vector<uint32_t> words = {},
                     std::vector<uint8_t> body = {});
 Message makeText(MessageType type, uint32_t seq, const std::string& text);
 
-}  // namespace xalremote
+}  // namespace wire

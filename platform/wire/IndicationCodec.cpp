@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace xalsim {
+namespace wire {
 
 namespace {
 
@@ -79,4 +79,4 @@ xal_client_error_type decodeMessage(xal_idl_type_of_msg_type kind, unsigned int 
     return result;
 }
 
-}  // namespace xalsim
+}  // namespace wire

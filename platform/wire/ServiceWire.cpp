@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace xalremote {
+namespace wire {
 
 namespace {
 
@@ -78,10 +78,9 @@ std::vector<uint8_t> encode(const Message& message) {
     return out;
 }
 
-std::optional<Message> decode(const uint8_t* bytes, size_t length, std::string* error) {
-    auto fail = [&](const std::string& why) -> std::optional<Message> {
-        if (error) *error = why;
-        return std::nullopt;
+android::base::Result<Message> decode(const uint8_t* bytes, size_t length) {
+    auto fail = [](const std::string& why) -> android::base::Result<Message> {
+        return android::base::Error() << why;
     };
     if (length < kHeaderSize) return fail("message of " + std::to_string(length) + " bytes");
     if (length > kMaxMessage) return fail("message of " + std::to_string(length) + " bytes");
@@ -118,4 +117,4 @@ Message makeText(MessageType type, uint32_t seq, const std::string& text) {
     return makeMessage(type, seq, {}, std::vector<uint8_t>(text.begin(), text.end()));
 }
 
-}  // namespace xalremote
+}  // namespace wire
