@@ -1,5 +1,6 @@
-// The simulated modem: profile table, request service, clients, fault
-// injection and observation.
+// The simulated modem: its table, the request service (one member per
+// message), its clients, the faults it plays out (FaultPlan) and what it
+// lets observers see.
 
 #include "ModemCore.h"
 
@@ -16,40 +17,6 @@ using android::base::Error;
 using android::base::Result;
 
 namespace {
-
-// The record sizes of every message the service answers.
-struct MessageSizes {
-    unsigned int msgId;
-    size_t request;
-    size_t response;
-};
-
-constexpr MessageSizes kMessages[] = {
-        {XAL_WDS_INDICATION_REGISTER_REQ_V01, sizeof(wds_indication_register_req_msg_v01),
-         sizeof(wds_generic_resp_msg_v01)},
-        {XAL_WDS_CREATE_PROFILE_REQ_V01, sizeof(wds_create_profile_req_msg_v01),
-         sizeof(wds_create_profile_resp_msg_v01)},
-        {XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, sizeof(wds_modify_profile_settings_req_msg_v01),
-         sizeof(wds_modify_profile_settings_resp_msg_v01)},
-        {XAL_WDS_DELETE_PROFILE_REQ_V01, sizeof(wds_delete_profile_req_msg_v01),
-         sizeof(wds_delete_profile_resp_msg_v01)},
-        {XAL_WDS_GET_PROFILE_LIST_REQ_V01, sizeof(wds_get_profile_list_req_msg_v01),
-         sizeof(wds_get_profile_list_resp_msg_v01)},
-        {XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01, sizeof(wds_get_profile_settings_req_msg_v01),
-         sizeof(wds_get_profile_settings_resp_msg_v01)},
-        {XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01,
-         sizeof(wds_configure_profile_event_list_req_msg_v01), sizeof(wds_generic_resp_msg_v01)},
-        {XAL_WDS_BIND_SUBSCRIPTION_REQ_V01, sizeof(wds_bind_subscription_req_msg_v01),
-         sizeof(wds_generic_resp_msg_v01)},
-};
-
-// The sizes of a message, or null for one the service does not know.
-const MessageSizes* sizesOf(unsigned int msgId) {
-    for (const auto& message : kMessages) {
-        if (message.msgId == msgId) return &message;
-    }
-    return nullptr;
-}
 
 bool knownType(int32_t type) {
     return type == WDS_PROFILE_TYPE_3GPP_V01 || type == WDS_PROFILE_TYPE_3GPP2_V01;
@@ -92,98 +59,11 @@ std::pair<int, int> indexRange(int32_t type, const Config& config) {
 
 }  // namespace
 
-Settings emptySettings() {
-    Settings s;
-    memset(&s, 0, sizeof(s));
-    return s;
-}
-
-Settings make3gppSettings(const std::string& profileName, const std::string& apn,
-                          wds_pdp_type_enum_v01 pdpType, uint64_t apnTypeMask, bool persistent) {
-    Settings s = emptySettings();
-    setText(s.profile_name_valid, s.profile_name, profileName);
-    setText(s.apn_name_valid, s.apn_name, apn);
-    s.pdp_type_valid = 1;
-    s.pdp_type = pdpType;
-    s.apn_type_mask_valid = 1;
-    s.apn_type_mask = apnTypeMask;
-    s.persistent_valid = 1;
-    s.persistent = persistent ? 1 : 0;
-    return s;
-}
-
-Settings make3gpp2Settings(const std::string& apn, wds_profile_pdn_type_enum_v01 pdnType,
-                           bool persistent) {
-    Settings s = emptySettings();
-    setText(s.apn_string_valid, s.apn_string, apn);
-    s.pdn_type_valid = 1;
-    s.pdn_type = pdnType;
-    s.persistent_valid = 1;
-    s.persistent = persistent ? 1 : 0;
-    return s;
-}
-
-Table factoryTable() {
-    auto classed = [](Settings s, uint8_t apnClass) {
-        s.apn_class_valid = 1;
-        s.apn_class = apnClass;
-        return s;
-    };
-    Table table;
-    // APN type masks in the modem's encoding: default and supl; ims; mms.
-    table[{WDS_PROFILE_TYPE_3GPP_V01, 1}] = classed(
-            make3gppSettings("internet", "internet", WDS_PDP_TYPE_PDP_IPV4V6_V01, 0x1 | 0x10, true),
-            3);
-    table[{WDS_PROFILE_TYPE_3GPP_V01, 2}] =
-            classed(make3gppSettings("ims", "ims", WDS_PDP_TYPE_PDP_IPV4V6_V01, 0x2, true), 1);
-    table[{WDS_PROFILE_TYPE_3GPP_V01, 3}] =
-            classed(make3gppSettings("mms", "mms", WDS_PDP_TYPE_PDP_IPV4_V01, 0x4, true), 4);
-    table[{WDS_PROFILE_TYPE_3GPP2_V01, kFirst3gpp2Index}] =
-            make3gpp2Settings("cdma.internet", WDS_PROFILE_PDN_TYPE_IPV4_IPV6_V01, true);
-    return table;
-}
-
-void keepPersistent(Table& table) {
-    for (auto it = table.begin(); it != table.end();) {
-        it = it->second.persistent_valid && it->second.persistent ? std::next(it) : table.erase(it);
-    }
-}
-
-const char* typeName(int32_t profileType) {
-    return profileType == WDS_PROFILE_TYPE_3GPP2_V01 ? "3gpp2" : "3gpp";
-}
-
-// --- ModemCore ------------------------------------------------------------------
-
 ModemCore::ModemCore(EventSink sink) : mSink(std::move(sink)) {}
 
 void ModemCore::touchLocked() {
     ++mGeneration;
     mChanged.notify_all();
-}
-
-bool ModemCore::consume(std::map<unsigned int, int>& pending, unsigned int msgId) {
-    auto it = pending.find(msgId);
-    if (it == pending.end() || it->second <= 0) return false;
-    if (--it->second == 0) pending.erase(it);
-    return true;
-}
-
-bool ModemCore::consume(std::map<unsigned int, Failures>& pending, unsigned int msgId) {
-    auto it = pending.find(msgId);
-    if (it == pending.end()) return false;
-    if (it->second.skip > 0) {
-        --it->second.skip;
-        return false;
-    }
-    if (--it->second.count <= 0) pending.erase(it);
-    return true;
-}
-
-bool ModemCore::consume(int& pending) {
-    if (pending <= 0) return false;
-    --pending;
-    return true;
 }
 
 bool ModemCore::commitLocked(const std::function<void()>& change, bool keepOnFailure) {
@@ -312,6 +192,33 @@ void ModemCore::serviceUpLocked() {
     touchLocked();
 }
 
+const ModemCore::MessageService ModemCore::kServices[] = {
+        {XAL_WDS_INDICATION_REGISTER_REQ_V01, sizeof(wds_indication_register_req_msg_v01),
+         sizeof(wds_generic_resp_msg_v01), &ModemCore::serveIndicationRegisterLocked},
+        {XAL_WDS_CREATE_PROFILE_REQ_V01, sizeof(wds_create_profile_req_msg_v01),
+         sizeof(wds_create_profile_resp_msg_v01), &ModemCore::serveCreateLocked},
+        {XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, sizeof(wds_modify_profile_settings_req_msg_v01),
+         sizeof(wds_modify_profile_settings_resp_msg_v01), &ModemCore::serveModifyLocked},
+        {XAL_WDS_DELETE_PROFILE_REQ_V01, sizeof(wds_delete_profile_req_msg_v01),
+         sizeof(wds_delete_profile_resp_msg_v01), &ModemCore::serveDeleteLocked},
+        {XAL_WDS_GET_PROFILE_LIST_REQ_V01, sizeof(wds_get_profile_list_req_msg_v01),
+         sizeof(wds_get_profile_list_resp_msg_v01), &ModemCore::serveListLocked},
+        {XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01, sizeof(wds_get_profile_settings_req_msg_v01),
+         sizeof(wds_get_profile_settings_resp_msg_v01), &ModemCore::serveSettingsLocked},
+        {XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01,
+         sizeof(wds_configure_profile_event_list_req_msg_v01), sizeof(wds_generic_resp_msg_v01),
+         &ModemCore::serveEventListLocked},
+        {XAL_WDS_BIND_SUBSCRIPTION_REQ_V01, sizeof(wds_bind_subscription_req_msg_v01),
+         sizeof(wds_generic_resp_msg_v01), &ModemCore::serveBindLocked},
+};
+
+const ModemCore::MessageService* ModemCore::serviceOf(unsigned int msgId) {
+    for (const auto& service : kServices) {
+        if (service.msgId == msgId) return &service;
+    }
+    return nullptr;
+}
+
 xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const void* request,
                                        unsigned int requestLength, void* response,
                                        unsigned int responseLength, unsigned int timeoutMs) {
@@ -321,7 +228,7 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
         return XAL_CLIENT_INVALID_CLNT;
     }
     if (!mServiceUp || client->serviceLost) return XAL_SERVICE_ERR;
-    if (consume(mTransportErrors, msgId)) {
+    if (mFaults.takeTransportError(msgId)) {
         touchLocked();
         return XAL_INTERNAL_ERR;
     }
@@ -332,128 +239,140 @@ xal_client_error_type ModemCore::serve(ClientId id, unsigned int msgId, const vo
                                        : std::vector<uint8_t>()});
     ++mCounters.requests;
     touchLocked();
-    if (consume(mTimeouts, msgId)) return XAL_TIMEOUT_ERR;
-    const MessageSizes* sizes = sizesOf(msgId);
-    const size_t needed = sizes ? sizes->response : sizeof(wds_generic_resp_msg_v01);
+    if (mFaults.takeTimeout(msgId)) return XAL_TIMEOUT_ERR;
+    const MessageService* service = serviceOf(msgId);
+    const size_t needed = service ? service->responseSize : sizeof(wds_generic_resp_msg_v01);
     if (responseLength < needed) return XAL_CLIENT_PARAM_ERR;
     memset(response, 0, responseLength);
-    if (auto injected = mInjectedResponses.find(msgId); injected != mInjectedResponses.end()) {
-        const auto& reply = injected->second;
-        if (!reply.empty())
-            memcpy(response, reply.data(), std::min<size_t>(reply.size(), responseLength));
-        mInjectedResponses.erase(injected);
+    if (auto injected = mFaults.takeInjectedResponse(msgId)) {
+        if (!injected->empty()) {
+            memcpy(response, injected->data(), std::min<size_t>(injected->size(), responseLength));
+        }
         return XAL_NO_ERR;
     }
+    if (service == nullptr || requestLength != service->requestSize) {
+        return refuseLocked(response, kErrMalformedMessage);
+    }
+    if (mFaults.takeFailure(msgId)) return refuseLocked(response, kErrInjected);
+    return (this->*service->serve)(*client, id, request, response);
+}
 
+xal_client_error_type ModemCore::refuseLocked(void* response, uint32_t error) {
     auto* header = static_cast<xal_response_type_v01*>(response);
-    auto fail = [&](uint32_t error) REQUIRES(mLock) {
-        header->result = 1;
-        header->error = error;
-        ++mCounters.failedRequests;
-        return XAL_NO_ERR;
-    };
-    if (sizes == nullptr || requestLength != sizes->request) return fail(kErrMalformedMessage);
-    if (consume(mFailures, msgId)) return fail(kErrInjected);
+    header->result = 1;
+    header->error = error;
+    ++mCounters.failedRequests;
+    return XAL_NO_ERR;
+}
 
-    switch (msgId) {
-        case XAL_WDS_BIND_SUBSCRIPTION_REQ_V01:
-            client->subscription =
-                    readRecord<wds_bind_subscription_req_msg_v01>(request).subscription;
-            return XAL_NO_ERR;
-        case XAL_WDS_INDICATION_REGISTER_REQ_V01: {
-            const auto r = readRecord<wds_indication_register_req_msg_v01>(request);
-            client->profileEvents =
-                    r.report_profile_changed_events_valid && r.report_profile_changed_events;
-            if (client->profileEvents && client->returning) {
-                client->returning = false;
-                wds_profile_changed_ind_type_v01 ready{};
-                ready.profile_type = WDS_PROFILE_TYPE_ALL_V01;
-                ready.profile_index = 0xFF;
-                ready.profile_change_evt = WDS_PROFILE_EVENT_PROFILE_READY_V01;
-                postLocked(id,
-                           {Event::kIndication, 0, XAL_WDS_PROFILE_CHANGED_IND_V01,
-                            wire::encodeProfileChanged(&ready)},
-                           Clock::now() + mConfig.indicationDelay);
-            }
-            return XAL_NO_ERR;
-        }
-        case XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01:
-            return XAL_NO_ERR;  // recorded above
-        case XAL_WDS_CREATE_PROFILE_REQ_V01: {
-            const auto r = readRecord<wds_create_profile_req_msg_v01>(request);
-            const int32_t type = r.profile_type;
-            if (!knownType(type)) return fail(kErrInvalidProfileType);
-            const int index = lowestFreeIndexLocked(type);
-            if (index < 0) return fail(kErrNoFreeProfile);
-            Settings settings = emptySettings();
-            wds::copyValidFields(settings, r);
-            settings.persistent_valid = 1;
-            settings.persistent = r.persistent_valid ? (r.persistent ? 1 : 0) : 1;
-            const uint8_t slot = static_cast<uint8_t>(index);
-            if (!commitLocked([&]() REQUIRES(mLock) { mTable[{type, slot}] = settings; })) {
-                return storageFailureLocked<wds_create_profile_resp_msg_v01>(response);
-            }
-            auto* out = static_cast<wds_create_profile_resp_msg_v01*>(response);
-            out->profile.profile_type = static_cast<wds_profile_type_enum_v01>(type);
-            out->profile.profile_index = slot;
-            broadcastProfileChangedLocked(type, slot, WDS_PROFILE_EVENT_CREATE_V01);
-            broadcastProfileChangedLocked(type, slot, WDS_PROFILE_EVENT_MODIFY_V01);
-            return XAL_NO_ERR;
-        }
-        case XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01: {
-            const auto r = readRecord<wds_modify_profile_settings_req_msg_v01>(request);
-            auto it = mTable.find({r.profile.profile_type, r.profile.profile_index});
-            if (it == mTable.end()) return fail(kErrInvalidProfile);
-            if (!commitLocked([&]() REQUIRES(mLock) { wds::copyValidFields(it->second, r); })) {
-                return storageFailureLocked<wds_modify_profile_settings_resp_msg_v01>(response);
-            }
-            broadcastProfileChangedLocked(r.profile.profile_type, r.profile.profile_index,
-                                          WDS_PROFILE_EVENT_MODIFY_V01);
-            return XAL_NO_ERR;
-        }
-        case XAL_WDS_DELETE_PROFILE_REQ_V01: {
-            const auto r = readRecord<wds_delete_profile_req_msg_v01>(request);
-            const Slot slot{r.profile.profile_type, r.profile.profile_index};
-            if (mTable.count(slot) == 0) return fail(kErrInvalidProfile);
-            if (!commitLocked([&]() REQUIRES(mLock) { mTable.erase(slot); })) {
-                return storageFailureLocked<wds_delete_profile_resp_msg_v01>(response);
-            }
-            broadcastProfileChangedLocked(slot.first, slot.second, WDS_PROFILE_EVENT_DELETE_V01);
-            return XAL_NO_ERR;
-        }
-        case XAL_WDS_GET_PROFILE_LIST_REQ_V01: {
-            const auto r = readRecord<wds_get_profile_list_req_msg_v01>(request);
-            auto* out = static_cast<wds_get_profile_list_resp_msg_v01*>(response);
-            const bool corrupt = consume(mCorruptLists);
-            uint32_t count = 0;
-            for (const auto& [slot, settings] : mTable) {
-                if (r.profile_type_valid && slot.first != r.profile_type) continue;
-                if (count == WDS_PROFILE_LIST_MAX_V01) break;
-                auto& entry = out->profile_list[count++];
-                entry.profile_type = static_cast<wds_profile_type_enum_v01>(slot.first);
-                entry.profile_index = slot.second;
-                if (corrupt) {
-                    memset(entry.profile_name, 'Z', sizeof(entry.profile_name));
-                } else if (settings.profile_name_valid) {
-                    memcpy(entry.profile_name, settings.profile_name, WDS_PROFILE_NAME_MAX_V01);
-                }
-            }
-            out->profile_list_len = corrupt ? 300 : count;
-            return XAL_NO_ERR;
-        }
-        case XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01: {
-            const auto r = readRecord<wds_get_profile_settings_req_msg_v01>(request);
-            auto it = mTable.find({r.profile.profile_type, r.profile.profile_index});
-            if (it == mTable.end()) return fail(kErrInvalidProfile);
-            auto* out = static_cast<Settings*>(response);
-            *out = it->second;
-            out->resp = {};
-            if (consume(mCorruptSettings)) unterminateStrings(*out);
-            return XAL_NO_ERR;
-        }
-        default:
-            return fail(kErrMalformedMessage);
+xal_client_error_type ModemCore::serveBindLocked(Client& client, ClientId, const void* request,
+                                                 void*) {
+    client.subscription = readRecord<wds_bind_subscription_req_msg_v01>(request).subscription;
+    return XAL_NO_ERR;
+}
+
+xal_client_error_type ModemCore::serveIndicationRegisterLocked(Client& client, ClientId id,
+                                                               const void* request, void*) {
+    const auto r = readRecord<wds_indication_register_req_msg_v01>(request);
+    client.profileEvents = r.report_profile_changed_events_valid && r.report_profile_changed_events;
+    if (client.profileEvents && client.returning) {
+        client.returning = false;
+        wds_profile_changed_ind_type_v01 ready{};
+        ready.profile_type = WDS_PROFILE_TYPE_ALL_V01;
+        ready.profile_index = 0xFF;
+        ready.profile_change_evt = WDS_PROFILE_EVENT_PROFILE_READY_V01;
+        postLocked(id,
+                   {Event::kIndication, 0, XAL_WDS_PROFILE_CHANGED_IND_V01,
+                    wire::encodeProfileChanged(&ready)},
+                   Clock::now() + mConfig.indicationDelay);
     }
+    return XAL_NO_ERR;
+}
+
+xal_client_error_type ModemCore::serveEventListLocked(Client&, ClientId, const void*, void*) {
+    return XAL_NO_ERR;  // recorded with every request
+}
+
+xal_client_error_type ModemCore::serveCreateLocked(Client&, ClientId, const void* request,
+                                                   void* response) {
+    const auto r = readRecord<wds_create_profile_req_msg_v01>(request);
+    const int32_t type = r.profile_type;
+    if (!knownType(type)) return refuseLocked(response, kErrInvalidProfileType);
+    const int index = lowestFreeIndexLocked(type);
+    if (index < 0) return refuseLocked(response, kErrNoFreeProfile);
+    Settings settings = emptySettings();
+    wds::copyValidFields(settings, r);
+    settings.persistent_valid = 1;
+    settings.persistent = r.persistent_valid ? (r.persistent ? 1 : 0) : 1;
+    const uint8_t slot = static_cast<uint8_t>(index);
+    if (!commitLocked([&]() REQUIRES(mLock) { mTable[{type, slot}] = settings; })) {
+        return storageFailureLocked<wds_create_profile_resp_msg_v01>(response);
+    }
+    auto* out = static_cast<wds_create_profile_resp_msg_v01*>(response);
+    out->profile.profile_type = static_cast<wds_profile_type_enum_v01>(type);
+    out->profile.profile_index = slot;
+    broadcastProfileChangedLocked(type, slot, WDS_PROFILE_EVENT_CREATE_V01);
+    broadcastProfileChangedLocked(type, slot, WDS_PROFILE_EVENT_MODIFY_V01);
+    return XAL_NO_ERR;
+}
+
+xal_client_error_type ModemCore::serveModifyLocked(Client&, ClientId, const void* request,
+                                                   void* response) {
+    const auto r = readRecord<wds_modify_profile_settings_req_msg_v01>(request);
+    auto it = mTable.find({r.profile.profile_type, r.profile.profile_index});
+    if (it == mTable.end()) return refuseLocked(response, kErrInvalidProfile);
+    if (!commitLocked([&]() REQUIRES(mLock) { wds::copyValidFields(it->second, r); })) {
+        return storageFailureLocked<wds_modify_profile_settings_resp_msg_v01>(response);
+    }
+    broadcastProfileChangedLocked(r.profile.profile_type, r.profile.profile_index,
+                                  WDS_PROFILE_EVENT_MODIFY_V01);
+    return XAL_NO_ERR;
+}
+
+xal_client_error_type ModemCore::serveDeleteLocked(Client&, ClientId, const void* request,
+                                                   void* response) {
+    const auto r = readRecord<wds_delete_profile_req_msg_v01>(request);
+    const Slot slot{r.profile.profile_type, r.profile.profile_index};
+    if (mTable.count(slot) == 0) return refuseLocked(response, kErrInvalidProfile);
+    if (!commitLocked([&]() REQUIRES(mLock) { mTable.erase(slot); })) {
+        return storageFailureLocked<wds_delete_profile_resp_msg_v01>(response);
+    }
+    broadcastProfileChangedLocked(slot.first, slot.second, WDS_PROFILE_EVENT_DELETE_V01);
+    return XAL_NO_ERR;
+}
+
+xal_client_error_type ModemCore::serveListLocked(Client&, ClientId, const void* request,
+                                                 void* response) {
+    const auto r = readRecord<wds_get_profile_list_req_msg_v01>(request);
+    auto* out = static_cast<wds_get_profile_list_resp_msg_v01*>(response);
+    const bool corrupt = mFaults.takeCorruptList();
+    uint32_t count = 0;
+    for (const auto& [slot, settings] : mTable) {
+        if (r.profile_type_valid && slot.first != r.profile_type) continue;
+        if (count == WDS_PROFILE_LIST_MAX_V01) break;
+        auto& entry = out->profile_list[count++];
+        entry.profile_type = static_cast<wds_profile_type_enum_v01>(slot.first);
+        entry.profile_index = slot.second;
+        if (corrupt) {
+            memset(entry.profile_name, 'Z', sizeof(entry.profile_name));
+        } else if (settings.profile_name_valid) {
+            memcpy(entry.profile_name, settings.profile_name, WDS_PROFILE_NAME_MAX_V01);
+        }
+    }
+    out->profile_list_len = corrupt ? 300 : count;
+    return XAL_NO_ERR;
+}
+
+xal_client_error_type ModemCore::serveSettingsLocked(Client&, ClientId, const void* request,
+                                                     void* response) {
+    const auto r = readRecord<wds_get_profile_settings_req_msg_v01>(request);
+    auto it = mTable.find({r.profile.profile_type, r.profile.profile_index});
+    if (it == mTable.end()) return refuseLocked(response, kErrInvalidProfile);
+    auto* out = static_cast<Settings*>(response);
+    *out = it->second;
+    out->resp = {};
+    if (mFaults.takeCorruptSettings()) unterminateStrings(*out);
+    return XAL_NO_ERR;
 }
 
 void ModemCore::reset(const Config& config) {
@@ -464,7 +383,7 @@ void ModemCore::reset(const Config& config) {
     mTable.clear();
     mRequests.clear();
     mCounters = Counters();
-    clearFaultsLocked();
+    mFaults.clear();
     mLastCommitError.clear();
     mLastCommitErrno = 0;
     mServiceUp = true;
@@ -473,40 +392,12 @@ void ModemCore::reset(const Config& config) {
 
 void ModemCore::clearFaults() {
     kiv::MutexLock guard(mLock);
-    clearFaultsLocked();
+    mFaults.clear();
 }
 
-void ModemCore::clearFaultsLocked() {
-    mFailures.clear();
-    mTimeouts.clear();
-    mTransportErrors.clear();
-    mGetAnyServiceFailures = mClientInitFailures = 0;
-    mCorruptLists = mCorruptSettings = 0;
-    mInjectedResponses.clear();
-}
-
-std::vector<ModemCore::PendingFault> ModemCore::pendingFaults() const {
+std::vector<PendingFault> ModemCore::pendingFaults() const {
     kiv::MutexLock guard(mLock);
-    std::vector<PendingFault> faults;
-    for (const auto& [msgId, failures] : mFailures) {
-        faults.push_back({"fail", msgId, failures.count, failures.skip});
-    }
-    for (const auto& [msgId, count] : mTimeouts) {
-        if (count > 0) faults.push_back({"timeout", msgId, count, 0});
-    }
-    for (const auto& [msgId, count] : mTransportErrors) {
-        if (count > 0) faults.push_back({"transport", msgId, count, 0});
-    }
-    for (const auto& [msgId, bytes] : mInjectedResponses)
-        faults.push_back({"response", msgId, 1, 0});
-    const std::pair<const char*, int> kCounted[] = {{"service", mGetAnyServiceFailures},
-                                                    {"connect", mClientInitFailures},
-                                                    {"corrupt-list", mCorruptLists},
-                                                    {"corrupt-settings", mCorruptSettings}};
-    for (const auto& [kind, count] : kCounted) {
-        if (count > 0) faults.push_back({kind, 0, count, 0});
-    }
-    return faults;
+    return mFaults.pending();
 }
 
 Config ModemCore::config() const {
@@ -678,52 +569,48 @@ bool ModemCore::isServiceUp() const {
 
 void ModemCore::failNext(unsigned int msgId, int count, int skip) {
     kiv::MutexLock guard(mLock);
-    if (count <= 0) {
-        mFailures.erase(msgId);
-    } else {
-        mFailures[msgId] = {skip < 0 ? 0 : skip, count};
-    }
+    mFaults.failNext(msgId, count, skip);
 }
 
 void ModemCore::timeoutNext(unsigned int msgId, int count) {
     kiv::MutexLock guard(mLock);
-    mTimeouts[msgId] = count;
+    mFaults.timeoutNext(msgId, count);
 }
 
 void ModemCore::transportErrorNext(unsigned int msgId, int count) {
     kiv::MutexLock guard(mLock);
-    mTransportErrors[msgId] = count;
+    mFaults.transportErrorNext(msgId, count);
 }
 
 void ModemCore::failGetAnyService(int count) {
     kiv::MutexLock guard(mLock);
-    mGetAnyServiceFailures = count;
+    mFaults.failGetAnyService(count);
 }
 
 void ModemCore::failClientInit(int count) {
     kiv::MutexLock guard(mLock);
-    mClientInitFailures = count;
+    mFaults.failClientInit(count);
 }
 
 void ModemCore::corruptNextList(int count) {
     kiv::MutexLock guard(mLock);
-    mCorruptLists = count;
+    mFaults.corruptNextList(count);
 }
 
 void ModemCore::corruptNextSettings(int count) {
     kiv::MutexLock guard(mLock);
-    mCorruptSettings = count;
+    mFaults.corruptNextSettings(count);
 }
 
 void ModemCore::injectNextResponse(unsigned int msgId, std::vector<uint8_t> bytes) {
     kiv::MutexLock guard(mLock);
-    mInjectedResponses[msgId] = std::move(bytes);
+    mFaults.injectNextResponse(msgId, std::move(bytes));
 }
 
 xal_client_error_type ModemCore::openClient(ClientId id, ClientRole role, bool returning) {
     kiv::MutexLock guard(mLock);
     if (role == ClientRole::kService) {
-        if (consume(mClientInitFailures)) return XAL_INTERNAL_ERR;
+        if (mFaults.takeClientInitFailure()) return XAL_INTERNAL_ERR;
         if (!mServiceUp) return XAL_SERVICE_ERR;
     }
     Client client;
@@ -761,7 +648,7 @@ bool ModemCore::hasLostService(ClientId id) const {
 
 xal_client_error_type ModemCore::probeService() {
     kiv::MutexLock guard(mLock);
-    if (consume(mGetAnyServiceFailures)) return XAL_SERVICE_ERR;
+    if (mFaults.takeGetAnyServiceFailure()) return XAL_SERVICE_ERR;
     return mServiceUp ? XAL_NO_ERR : XAL_SERVICE_ERR;
 }
 

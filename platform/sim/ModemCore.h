@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "FaultPlan.h"
+#include "ModemTable.h"
 #include "base/Mutex.h"
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
@@ -27,41 +29,9 @@ namespace xalsim {
 
 using Clock = std::chrono::steady_clock;
 
-// The stored settings of one profile: the fields of the settings response
-// (the response header unused).
-using Settings = wds_get_profile_settings_resp_msg_v01;
-
 // How the modem knows a client. In process it is the client's own handle;
 // the modem service gives each connection one.
 using ClientId = xal_client_type;
-
-// A place in the table: (profile type, index).
-using Slot = std::pair<int32_t, uint8_t>;
-using Table = std::map<Slot, Settings>;
-
-// Error codes the simulated service puts in a failure response.
-enum SimError : uint32_t {
-    kErrMalformedMessage = 0x01,
-    kErrNoFreeProfile = 0x02,
-    kErrInvalidProfile = 0x03,
-    kErrInvalidProfileType = 0x04,
-    // The change could not be stored; nothing changed. A create, modify or
-    // delete response refused so carries the system's error number of the
-    // failed save (errno) as its extended error code, when there is one.
-    kErrStorage = 0x05,
-    kErrInjected = 0xFF,
-};
-
-inline constexpr uint8_t kFirst3gppIndex = 1;
-inline constexpr uint8_t kFirst3gpp2Index = 101;
-inline constexpr int kMaxCapacity3gpp = 255;   // indexes 1..255
-inline constexpr int kMaxCapacity3gpp2 = 155;  // indexes 101..255
-
-struct Profile {
-    wds_profile_type_enum_v01 type;
-    uint8_t index;
-    Settings settings;  // persistent_valid / persistent carry persistence
-};
 
 struct RecordedRequest {
     ClientId client;
@@ -106,28 +76,6 @@ struct Event {
     unsigned int msgId = 0;  // indication
     std::vector<uint8_t> payload;
 };
-
-// Helpers to fill settings in tests and tools.
-template <size_t N>
-void setText(uint8_t& valid, char (&field)[N], const std::string& text) {
-    valid = 1;
-    size_t n = text.size() < N - 1 ? text.size() : N - 1;
-    for (size_t i = 0; i < N; ++i) field[i] = i < n ? text[i] : '\0';
-}
-Settings emptySettings();
-// A 3GPP profile as carriers ship them.
-Settings make3gppSettings(const std::string& profileName, const std::string& apn,
-                          wds_pdp_type_enum_v01 pdpType, uint64_t apnTypeMask, bool persistent);
-// A 3GPP2 profile.
-Settings make3gpp2Settings(const std::string& apn, wds_profile_pdn_type_enum_v01 pdnType,
-                           bool persistent);
-// The table a new modem ships with: "internet", "ims" and "mms" (3GPP) and
-// "cdma.internet" (3GPP2), all persistent.
-Table factoryTable();
-// What a modem keeps when it powers on: the profiles it stores persistently.
-void keepPersistent(Table& table);
-// "3gpp" or "3gpp2", the names used in files and on the command line.
-const char* typeName(int32_t profileType);
 
 class ModemCore {
   public:
@@ -209,16 +157,7 @@ class ModemCore {
     void corruptNextSettings(int count);  // strings without NUL
     // Forgets every failure still to come.
     void clearFaults();
-    // The failures still to come, each as what it does ("fail", "timeout",
-    // "transport", "service", "connect", "corrupt-list", "corrupt-settings",
-    // "response"), the message id it waits for (0: none), how many and
-    // after how many others of the kind.
-    struct PendingFault {
-        std::string kind;
-        unsigned int msgId;
-        int count;
-        int skip;
-    };
+    // The failures still to come (FaultPlan.h).
     std::vector<PendingFault> pendingFaults() const;
     // The next response to msgId is these bytes, cut or zero-padded to the
     // caller's response length, whatever the request asked.
@@ -278,10 +217,39 @@ class ModemCore {
         bool returning = false;
         std::optional<uint32_t> subscription;
     };
-    struct Failures {
-        int skip = 0;
-        int count = 0;
+    // How the modem serves one message: the sizes of its request and
+    // response records, and the member that serves it (the response
+    // already zeroed, the request of the right size).
+    using Handler = xal_client_error_type (ModemCore::*)(Client& client, ClientId id,
+                                                         const void* request, void* response);
+    struct MessageService {
+        unsigned int msgId;
+        size_t requestSize;
+        size_t responseSize;
+        Handler serve;
     };
+    static const MessageService kServices[];
+    static const MessageService* serviceOf(unsigned int msgId);
+
+    xal_client_error_type serveBindLocked(Client& client, ClientId id, const void* request,
+                                          void* response) REQUIRES(mLock);
+    xal_client_error_type serveIndicationRegisterLocked(Client& client, ClientId id,
+                                                        const void* request, void* response)
+            REQUIRES(mLock);
+    xal_client_error_type serveEventListLocked(Client& client, ClientId id, const void* request,
+                                               void* response) REQUIRES(mLock);
+    xal_client_error_type serveCreateLocked(Client& client, ClientId id, const void* request,
+                                            void* response) REQUIRES(mLock);
+    xal_client_error_type serveModifyLocked(Client& client, ClientId id, const void* request,
+                                            void* response) REQUIRES(mLock);
+    xal_client_error_type serveDeleteLocked(Client& client, ClientId id, const void* request,
+                                            void* response) REQUIRES(mLock);
+    xal_client_error_type serveListLocked(Client& client, ClientId id, const void* request,
+                                          void* response) REQUIRES(mLock);
+    xal_client_error_type serveSettingsLocked(Client& client, ClientId id, const void* request,
+                                              void* response) REQUIRES(mLock);
+    // A failure response with this error.
+    xal_client_error_type refuseLocked(void* response, uint32_t error) REQUIRES(mLock);
 
     // Applies a change to the table and stores it. When it cannot be stored
     // the change is undone (unless `keepOnFailure`) and false returned.
@@ -291,7 +259,6 @@ class ModemCore {
     template <typename Response>
     xal_client_error_type storageFailureLocked(void* response) REQUIRES(mLock);
     android::base::Result<void> fitsLocked(const Table& table) const REQUIRES(mLock);
-    void clearFaultsLocked() REQUIRES(mLock);
     int lowestFreeIndexLocked(int32_t type) const REQUIRES(mLock);
     int createProfileLocked(int32_t type, const Settings& settings) REQUIRES(mLock);
     void postLocked(ClientId client, Event event, Clock::time_point due) REQUIRES(mLock);
@@ -301,9 +268,6 @@ class ModemCore {
     void serviceUpLocked() REQUIRES(mLock);
     Client* findLocked(ClientId client) REQUIRES(mLock);
     const Client* findLocked(ClientId client) const REQUIRES(mLock);
-    static bool consume(std::map<unsigned int, int>& pending, unsigned int msgId);
-    static bool consume(std::map<unsigned int, Failures>& pending, unsigned int msgId);
-    static bool consume(int& pending);
 
     const EventSink mSink;
     // Signalled on every change: waiters re-check their conditions.
@@ -320,14 +284,7 @@ class ModemCore {
     std::map<ClientId, Client> mClients GUARDED_BY(mLock);
     std::vector<RecordedRequest> mRequests GUARDED_BY(mLock);
     Counters mCounters GUARDED_BY(mLock);
-    std::map<unsigned int, Failures> mFailures GUARDED_BY(mLock);
-    std::map<unsigned int, int> mTimeouts GUARDED_BY(mLock);
-    std::map<unsigned int, int> mTransportErrors GUARDED_BY(mLock);
-    int mGetAnyServiceFailures GUARDED_BY(mLock) = 0;
-    int mClientInitFailures GUARDED_BY(mLock) = 0;
-    int mCorruptLists GUARDED_BY(mLock) = 0;
-    int mCorruptSettings GUARDED_BY(mLock) = 0;
-    std::map<unsigned int, std::vector<uint8_t>> mInjectedResponses GUARDED_BY(mLock);
+    FaultPlan mFaults GUARDED_BY(mLock);
 };
 
 }  // namespace xalsim
