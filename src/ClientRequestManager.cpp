@@ -54,6 +54,8 @@ std::shared_ptr<ClientResponse> ClientRequestManager::processClientRequest(
 }
 
 void ClientRequestManager::handleClientRequest(int fd, void* arg) {
+    // Intentional: the trace's odd form (a line number and the operation)
+    // is the library's own; it stays as it stands.
     KLOGD(":%d:%s", 77, "handleClientRequest");
     if (!EventFd::drain(fd)) KLOGE("Error while clearing the read buffer on fd %d", fd);
     auto* self = static_cast<ClientRequestManager*>(arg);

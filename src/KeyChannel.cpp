@@ -14,7 +14,7 @@ std::shared_ptr<ClientResponse> KeyChannel::send(std::shared_ptr<ClientRequest> 
     {
         MutexLock lock(mLock);
         if (!mOpen) {
-            KLOGW("ClientRequestManager: pipeline is gone, dropping %s",
+            KLOGW("KeyChannel: pipeline is gone, dropping %s",
                   request ? request->dump().c_str() : "null");
             return nullptr;
         }

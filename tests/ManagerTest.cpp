@@ -526,7 +526,7 @@ TEST_F(ManagerTest, InitTwiceOldKeysAreDroppedSafely) {
     old->registerExpirationListener([] {});
     old.reset();
     EXPECT_EQ(log->countContaining(LogLevel::Warning,
-                                   "ClientRequestManager: pipeline is gone, dropping Callback"),
+                                   "KeyChannel: pipeline is gone, dropping Callback"),
               2u);
     // The profile stays: nothing reached the new pipeline.
     EXPECT_EQ(modemProfiles(), 3u);

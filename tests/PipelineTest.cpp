@@ -82,7 +82,7 @@ TEST_F(ClientRequestManagerTest, RefreshBracketRefusesAndMalformedRequestsGetTyp
             std::make_shared<ClientRequest>(static_cast<ReqRespType>(42)));
     ASSERT_TRUE(odd);
     EXPECT_EQ(odd->getStatus(), Status::Failure);
-    EXPECT_TRUE(log->contains(LogLevel::Error, "ClientRequestManager: unknown request type 42"));
+    EXPECT_TRUE(log->contains(LogLevel::Error, "RequestExecutor: unknown request type 42"));
     EXPECT_FALSE(pipeline->processClientRequest(nullptr));
     EXPECT_TRUE(log->contains(LogLevel::Error, "ClientRequestManager: null request refused"));
 }
@@ -138,7 +138,7 @@ TEST_F(ClientRequestManagerTest, TornDownWhileAListenerCallsBackInItRunsListener
     EXPECT_EQ(log->countContaining(LogLevel::Error, "refused on the worker thread"), 1u);
     key.reset();  // the pipeline is gone: dropped with a log line
     EXPECT_EQ(log->countContaining(LogLevel::Warning,
-                                   "ClientRequestManager: pipeline is gone, dropping Callback"),
+                                   "KeyChannel: pipeline is gone, dropping Callback"),
               1u);
 }
 

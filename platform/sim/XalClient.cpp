@@ -39,7 +39,7 @@ xal_client_type newHandle(bool notifier) {
     return handle;
 }
 
-// The handle while it is open, else null; `notifier` as it must be, if given.
+// The handle while it is open (not released), else null.
 xal_client_struct* openHandle(xal_client_type handle) {
     auto& impl = Api::impl();
     kiv::MutexLock guard(impl.lock);
