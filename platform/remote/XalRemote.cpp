@@ -314,9 +314,15 @@ class Transport {
             early = XAL_CLIENT_INVALID_CLNT;
         } else if (client->lost || !client->connected) {
             early = XAL_SERVICE_ERR;  // not sent: the service is away
-        } else if (mRehearsing && msgId == XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 &&
-                   requestLength == sizeof(wds_modify_profile_settings_req_msg_v01)) {
-            early = rehearseLocked(client, request, response, responseLength);
+        } else if (mRequestHook) {
+            const xalremote::RequestHook hook = mRequestHook;
+            guard.unlock();
+            auto local = hook(client, msgId, request, requestLength, response, responseLength);
+            guard.lock();
+            if (local) {
+                early = XAL_NO_ERR;
+                answerLocallyLocked(client, std::move(*local));
+            }
         }
         if (early) {
             guard.unlock();
@@ -415,9 +421,9 @@ class Transport {
         return registeredLocked();
     }
 
-    void setRehearsal(bool on) {
+    void setRequestHook(xalremote::RequestHook hook) {
         kiv::MutexLock guard(mLock);
-        mRehearsing = on;
+        mRequestHook = std::move(hook);
     }
 
     void setObserver(xalremote::RequestObserver observer) {
@@ -500,24 +506,16 @@ class Transport {
         return count;
     }
 
-    // A modify the modem accepts, without the modem: the answer, and the
-    // echo a modem sends after it.
-    xal_client_error_type rehearseLocked(xal_client_type client, const void* request,
-                                         void* response, unsigned int responseLength)
+    // The indications of an answer given here, queued for the requesting
+    // client (while it is open) after what the service sent before.
+    void answerLocallyLocked(xal_client_type client, xalremote::LocalAnswer answer)
             REQUIRES(mLock) {
-        wds_modify_profile_settings_req_msg_v01 modify;
-        memcpy(&modify, request, sizeof(modify));
-        memset(response, 0, responseLength);
-        wds_profile_changed_ind_type_v01 echo{};
-        echo.profile_type = modify.profile.profile_type;
-        echo.profile_index = modify.profile.profile_index;
-        echo.profile_change_evt = WDS_PROFILE_EVENT_MODIFY_V01;
-        mDeferred.push_back({client,
-                             {EventKind::kIndication, 0, XAL_WDS_PROFILE_CHANGED_IND_V01,
-                              wire::encodeProfileChanged(&echo)},
-                             std::nullopt});
+        if (!isLiveLocked(client)) return;
+        for (auto& [msgId, bytes] : answer.indications) {
+            mDeferred.push_back(
+                    {client, {EventKind::kIndication, 0, msgId, std::move(bytes)}, std::nullopt});
+        }
         wakeLocked();
-        return XAL_NO_ERR;
     }
 
     void startLocked() REQUIRES(mLock) {
@@ -798,7 +796,7 @@ class Transport {
     std::vector<std::unique_ptr<xal_client_struct>> mReleased GUARDED_BY(mLock);
     std::deque<Deferred> mDeferred GUARDED_BY(mLock);
     xalremote::RequestObserver mObserver GUARDED_BY(mLock);
-    bool mRehearsing GUARDED_BY(mLock) = false;
+    xalremote::RequestHook mRequestHook GUARDED_BY(mLock);
     // The handle whose connection or callback the event thread is busy with.
     xal_client_type mBusy GUARDED_BY(mLock);
     // Some service client lost the service; the next one to connect says so.
@@ -837,8 +835,8 @@ bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout) {
     return Transport::instance().waitForRegistered(count, timeout);
 }
 
-void setRehearsal(bool on) {
-    Transport::instance().setRehearsal(on);
+void setRequestHook(RequestHook hook) {
+    Transport::instance().setRequestHook(std::move(hook));
 }
 
 void setRequestObserver(RequestObserver observer) {

@@ -21,8 +21,12 @@
 #include <android-base/unique_fd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "xal/xal_client.h"
 
@@ -71,12 +75,21 @@ struct RequestOutcome {
 using RequestObserver = std::function<void(const RequestOutcome& outcome)>;
 void setRequestObserver(RequestObserver observer);
 
-// A rehearsal: while it is on, this process's modify requests do not reach
-// the service. Each is answered here as the modem accepts one (and told to
-// the observer), followed by its Modify indication; the caller's
-// view of the table is then the rehearsed one until it rereads it (kivctl
-// apply-apns --dry-run).
-void setRehearsal(bool on);
+// An answer given in this process instead of by the service.
+struct LocalAnswer {
+    // Indications for the requesting client (message id, encoded record),
+    // delivered after the answer, as the service's would be.
+    std::vector<std::pair<unsigned int, std::vector<uint8_t>>> indications;
+};
+// Sees each request of this process that is about to be sent (on the
+// calling thread, no lock of this library held). An answer (the response
+// record filled in) answers the request here: it is not sent, the caller
+// gets XAL_NO_ERR and the observer is told of it as answered. Nothing: the
+// request goes to the service. Null: every request goes to the service.
+using RequestHook = std::function<std::optional<LocalAnswer>(
+        xal_client_type client, unsigned int msgId, const void* request, unsigned int requestLength,
+        void* response, unsigned int responseLength)>;
+void setRequestHook(RequestHook hook);
 
 // Returns once every event the service sent to this process's open clients
 // before the call has been delivered to their callbacks (true), or at the

@@ -11,6 +11,7 @@
 
 #include "ApnsConf.h"
 #include "ProfileOptions.h"
+#include "Rehearsal.h"
 #include "Shell.h"
 #include "Watcher.h"
 #include "common/Errors.h"
@@ -717,12 +718,13 @@ int Commands::applyApns(const Arguments& args) {
     const auto before = typesOfEveryProfile(manager());
     auto& ledger = mSession.ledger();
     const size_t accepted = ledger.accepted(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01);
-    if (dryRun) xalremote::setRehearsal(true);
+    std::optional<Rehearsal> rehearsal;
+    if (dryRun) rehearsal.emplace();
     mSession.util().updateAPNTypeBitmaskOnModemProfile(records);
     const size_t updates = ledger.accepted(XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01) - accepted;
     auto after = typesOfEveryProfile(manager());
     if (dryRun) {
-        xalremote::setRehearsal(false);
+        rehearsal.reset();
         // The library took the rehearsed changes for done: it reads the table again.
         mSession.settle();
         const auto reading = ledger.reading();

@@ -1,0 +1,45 @@
+#include "Rehearsal.h"
+
+#include <cstring>
+
+#include "remote/XalRemote.h"
+#include "wire/IndicationCodec.h"
+#include "xal/wds_v01.h"
+
+namespace kivctl {
+
+namespace {
+
+// A modify the modem accepts, without the modem: the answer (success), and
+// the echo a modem sends after it.
+std::optional<xalremote::LocalAnswer> rehearse(xal_client_type, unsigned int msgId,
+                                               const void* request, unsigned int requestLength,
+                                               void* response, unsigned int responseLength) {
+    if (msgId != XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 ||
+        requestLength != sizeof(wds_modify_profile_settings_req_msg_v01)) {
+        return std::nullopt;
+    }
+    wds_modify_profile_settings_req_msg_v01 modify;
+    memcpy(&modify, request, sizeof(modify));
+    memset(response, 0, responseLength);
+    wds_profile_changed_ind_type_v01 echo{};
+    echo.profile_type = modify.profile.profile_type;
+    echo.profile_index = modify.profile.profile_index;
+    echo.profile_change_evt = WDS_PROFILE_EVENT_MODIFY_V01;
+    xalremote::LocalAnswer answer;
+    answer.indications.emplace_back(XAL_WDS_PROFILE_CHANGED_IND_V01,
+                                    wire::encodeProfileChanged(&echo));
+    return answer;
+}
+
+}  // namespace
+
+Rehearsal::Rehearsal() {
+    xalremote::setRequestHook(rehearse);
+}
+
+Rehearsal::~Rehearsal() {
+    xalremote::setRequestHook(nullptr);
+}
+
+}  // namespace kivctl
