@@ -5,7 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
-#include "Commands.h"
+#include "CommandContext.h"
+#include "CommandTable.h"
 #include "Session.h"
 #include "common/Arguments.h"
 
@@ -139,7 +140,7 @@ int run(const std::vector<std::string>& words, std::istream& in, std::ostream& o
         }
 
         Session session(globals);
-        Commands commands(session, in, out, err, /*inShell=*/false);
+        CommandContext commands(session, in, out, err, /*inShell=*/false);
         const int status = commands.execute(*command, args);
         session.finish(line.command);
         return status;

@@ -4,7 +4,8 @@
 #include <cctype>
 #include <map>
 
-#include "Commands.h"
+#include "CommandContext.h"
+#include "CommandTable.h"
 #include "ProfileOptions.h"
 #include "common/Errors.h"
 
@@ -143,7 +144,7 @@ int Shell::runLine(const std::vector<std::string>& words) {
     if (command == nullptr) {
         throw UsageError("unknown command " + quote(name) + " (help lists them)");
     }
-    Commands commands(mSession, mIn, mOut, mErr, /*inShell=*/true);
+    CommandContext commands(mSession, mIn, mOut, mErr, /*inShell=*/true);
     return commands.execute(*command, parseCommand(*command, rest));
 }
 
