@@ -37,15 +37,15 @@ struct Profile3gppFieldRules {
 
 // In the order dump() shows them, after the common members.
 const ProfileField<Modem3gppProfile> Modem3gppProfile::kFields[9] = {
-        {"OverrideHomeIPType=", nullptr, nullptr,
-         Profile3gppFieldRules::ipApply<&Modem3gppProfile::mOverrideHomeIPType>, nullptr, nullptr,
-         Profile3gppFieldRules::ipText<&Modem3gppProfile::mOverrideHomeIPType>},
-        {"LteRoamIP=", nullptr, nullptr,
-         Profile3gppFieldRules::ipApply<&Modem3gppProfile::mLteRoamIPType>, nullptr, nullptr,
-         Profile3gppFieldRules::ipText<&Modem3gppProfile::mLteRoamIPType>},
-        {"UmtsRoamIP=", nullptr, nullptr,
-         Profile3gppFieldRules::ipApply<&Modem3gppProfile::mUmtsRoamIPType>, nullptr, nullptr,
-         Profile3gppFieldRules::ipText<&Modem3gppProfile::mUmtsRoamIPType>},
+        FieldRow<Modem3gppProfile>("OverrideHomeIPType=")
+                .applies(Profile3gppFieldRules::ipApply<&Modem3gppProfile::mOverrideHomeIPType>)
+                .shows(Profile3gppFieldRules::ipText<&Modem3gppProfile::mOverrideHomeIPType>),
+        FieldRow<Modem3gppProfile>("LteRoamIP=")
+                .applies(Profile3gppFieldRules::ipApply<&Modem3gppProfile::mLteRoamIPType>)
+                .shows(Profile3gppFieldRules::ipText<&Modem3gppProfile::mLteRoamIPType>),
+        FieldRow<Modem3gppProfile>("UmtsRoamIP=")
+                .applies(Profile3gppFieldRules::ipApply<&Modem3gppProfile::mUmtsRoamIPType>)
+                .shows(Profile3gppFieldRules::ipText<&Modem3gppProfile::mUmtsRoamIPType>),
         PlainField<Modem3gppProfile, &Modem3gppProfile::mMaxPdnsConnPerBlock,
                    &ProfileParams::hasMaxPdnsConnPerBlock, &ProfileParams::getMaxPdnsConnPerBlock,
                    &ProfileParams::setMaxPdnsConnPerBlock>::row("MaxPdnsConnPerBlock="),
@@ -61,8 +61,7 @@ const ProfileField<Modem3gppProfile> Modem3gppProfile::kFields[9] = {
         PlainField<Modem3gppProfile, &Modem3gppProfile::mEmergencySupported,
                    &ProfileParams::hasIsEmergencySupported, &ProfileParams::getIsEmergencySupported,
                    &ProfileParams::setIsEmergencySupported>::row("IsEmergencySupported="),
-        {"ProfileName=", nullptr, nullptr, nullptr, nullptr, nullptr,
-         Profile3gppFieldRules::nameText},
+        FieldRow<Modem3gppProfile>("ProfileName=").shows(Profile3gppFieldRules::nameText),
 };
 
 Modem3gppProfile::Modem3gppProfile(const ProfileParams& p) : ModemProfile(TechType::TECH_3GPP, p) {

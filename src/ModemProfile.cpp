@@ -85,9 +85,13 @@ struct ProfileFieldRules {
 
 // In the order dump() shows them.
 const ProfileField<ModemProfile> ModemProfile::kFields[8] = {
-        {"ApnName=", ProfileFieldRules::apnFromParams, ProfileFieldRules::apnDiff,
-         ProfileFieldRules::apnApply, ProfileFieldRules::apnToParams, ProfileFieldRules::apnMatches,
-         ProfileFieldRules::apnText},
+        FieldRow<ModemProfile>("ApnName=")
+                .readsParams(ProfileFieldRules::apnFromParams)
+                .diffs(ProfileFieldRules::apnDiff)
+                .applies(ProfileFieldRules::apnApply)
+                .writesParams(ProfileFieldRules::apnToParams)
+                .matches(ProfileFieldRules::apnMatches)
+                .shows(ProfileFieldRules::apnText),
         PlainField<ModemProfile, &ModemProfile::mUserName, &ProfileParams::hasUserName,
                    &ProfileParams::getUserName, &ProfileParams::setUserName>::row("UserName="),
         PlainField<ModemProfile, &ModemProfile::mPassword, &ProfileParams::hasPassword,
@@ -96,11 +100,16 @@ const ProfileField<ModemProfile> ModemProfile::kFields[8] = {
         PlainField<ModemProfile, &ModemProfile::mAuthType, &ProfileParams::hasAuthType,
                    &ProfileParams::getAuthType, &ProfileParams::setAuthType>::row("AuthType="),
         // Where the home IP type comes from and goes to is the technology's.
-        {"CommonIPType=", nullptr, nullptr, ProfileFieldRules::ipApply, nullptr, nullptr,
-         ProfileFieldRules::ipText},
-        {"ApnTypesMask=", ProfileFieldRules::typesFromParams, ProfileFieldRules::typesDiff,
-         ProfileFieldRules::typesApply, ProfileFieldRules::typesToParams,
-         ProfileFieldRules::typesMatch, ProfileFieldRules::typesText},
+        FieldRow<ModemProfile>("CommonIPType=")
+                .applies(ProfileFieldRules::ipApply)
+                .shows(ProfileFieldRules::ipText),
+        FieldRow<ModemProfile>("ApnTypesMask=")
+                .readsParams(ProfileFieldRules::typesFromParams)
+                .diffs(ProfileFieldRules::typesDiff)
+                .applies(ProfileFieldRules::typesApply)
+                .writesParams(ProfileFieldRules::typesToParams)
+                .matches(ProfileFieldRules::typesMatch)
+                .shows(ProfileFieldRules::typesText),
         PlainField<ModemProfile, &ModemProfile::mApnClass, &ProfileParams::hasApnClass,
                    &ProfileParams::getApnClass, &ProfileParams::setApnClass>::row("ApnClass="),
         PlainField<ModemProfile, &ModemProfile::mClatEnabled, &ProfileParams::hasIsClatEnabled,

@@ -43,6 +43,53 @@ struct ProfileField {
     std::optional<std::string> (*text)(const Profile& profile);
 };
 
+// A row for a member with rules of the technology's own (the IP types, the
+// profile name), its operations named as they are given; an operation not
+// given takes no part.
+template <typename Profile>
+class FieldRow {
+  public:
+    constexpr explicit FieldRow(const char* label)
+        : mField{label, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr} {}
+    constexpr FieldRow readsParams(void (*fromParams)(Profile&, const ProfileParams&)) const {
+        FieldRow row = *this;
+        row.mField.fromParams = fromParams;
+        return row;
+    }
+    constexpr FieldRow diffs(bool (*diff)(const Profile&, const ProfileParams&,
+                                          ProfileParams&)) const {
+        FieldRow row = *this;
+        row.mField.diff = diff;
+        return row;
+    }
+    // Taken from an update of the profile.
+    constexpr FieldRow applies(void (*apply)(Profile& profile, const Profile& update)) const {
+        FieldRow row = *this;
+        row.mField.apply = apply;
+        return row;
+    }
+    constexpr FieldRow writesParams(void (*toParams)(const Profile&, ProfileParams&)) const {
+        FieldRow row = *this;
+        row.mField.toParams = toParams;
+        return row;
+    }
+    constexpr FieldRow matches(bool (*matches)(const Profile&, const FilterProfileParams&)) const {
+        FieldRow row = *this;
+        row.mField.matches = matches;
+        return row;
+    }
+    // Shown in dump().
+    constexpr FieldRow shows(std::optional<std::string> (*text)(const Profile& profile)) const {
+        FieldRow row = *this;
+        row.mField.text = text;
+        return row;
+    }
+    constexpr operator ProfileField<Profile>() const { return mField; }
+
+  private:
+    ProfileField<Profile> mField;
+};
+
 // A member the profile holds as the client's record does, with the same
 // meaning: Member is the profile's optional, Has, Get and Set the record's
 // accessors.
