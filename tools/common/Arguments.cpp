@@ -37,8 +37,9 @@ std::string printable(const std::string& text) {
     return out;
 }
 
-Arguments Arguments::parse(const std::vector<std::string>& words,
-                           const std::vector<KnownOption>& options) {
+android::base::Result<Arguments> Arguments::read(const std::vector<std::string>& words,
+                                                 const std::vector<KnownOption>& options) {
+    using android::base::Error;
     Arguments result;
     auto known = [&](const std::string& name) -> const KnownOption* {
         for (const auto& option : options) {
@@ -62,26 +63,35 @@ Arguments Arguments::parse(const std::vector<std::string>& words,
         if (name == "-h") name = "--help";
         const KnownOption* option = known(name);
         if (option == nullptr || !android::base::StartsWith(name, "--")) {
-            throw UsageError("unknown option " + quote(name));
+            return Error() << "unknown option " << quote(name);
         }
-        if (result.has(name)) throw UsageError("option " + name + " given twice");
+        if (result.has(name)) return Error() << "option " << name << " given twice";
         std::optional<std::string> value;
         if (option->value == nullptr) {
-            if (equals != std::string::npos) throw UsageError("option " + name + " takes no value");
+            if (equals != std::string::npos)
+                return Error() << "option " << name << " takes no value";
         } else if (equals != std::string::npos) {
             value = word.substr(equals + 1);
         } else if (i + 1 < words.size() && !(words[i + 1].size() > 1 && words[i + 1][0] == '-')) {
             value = words[++i];
         } else {
-            throw UsageError("option " + name + " needs " + option->value + " (write " + name +
-                             "=VALUE for a value that starts with '-')");
+            return Error() << "option " << name << " needs " << option->value << " (write " << name
+                           << "=VALUE for a value that starts with '-')";
         }
         if (value && value->empty() && !option->mayBeEmpty) {
-            throw UsageError("option " + name + " needs " + option->value + ", not an empty word");
+            return Error() << "option " << name << " needs " << option->value
+                           << ", not an empty word";
         }
         result.mValues[name] = std::move(value);
     }
     return result;
+}
+
+Arguments Arguments::parse(const std::vector<std::string>& words,
+                           const std::vector<KnownOption>& options) {
+    auto parsed = read(words, options);
+    if (!parsed.ok()) throw UsageError(parsed.error().message());
+    return std::move(*parsed);
 }
 
 std::optional<std::string> Arguments::value(const std::string& name) const {
@@ -89,7 +99,8 @@ std::optional<std::string> Arguments::value(const std::string& name) const {
     return it == mValues.end() ? std::nullopt : it->second;
 }
 
-int parseNumber(const std::string& text, const std::string& what, int low, int high) {
+android::base::Result<int> readNumber(const std::string& text, const std::string& what, int low,
+                                      int high) {
     int value = 0;
     // Decimal digits only, a minus sign where the range allows one.
     const size_t digits = !text.empty() && text[0] == '-' && low < 0 ? 1 : 0;
@@ -97,10 +108,16 @@ int parseNumber(const std::string& text, const std::string& what, int low, int h
                        std::all_of(text.begin() + static_cast<long>(digits), text.end(),
                                    [](char c) { return isdigit(static_cast<unsigned char>(c)); });
     if (!plain || !android::base::ParseInt(text, &value, low, high)) {
-        throw UsageError("bad number " + quote(text) + " for " + what + " (" + std::to_string(low) +
-                         " to " + std::to_string(high) + ")");
+        return android::base::Error() << "bad number " << quote(text) << " for " << what << " ("
+                                      << low << " to " << high << ")";
     }
     return value;
+}
+
+int parseNumber(const std::string& text, const std::string& what, int low, int high) {
+    auto number = readNumber(text, what, low, high);
+    if (!number.ok()) throw UsageError(number.error().message());
+    return *number;
 }
 
 }  // namespace kivctl

@@ -1,6 +1,8 @@
 // One command line, parsed against the options it may hold.
 #pragma once
 
+#include <android-base/result.h>
+
 #include <map>
 #include <optional>
 #include <string>
@@ -18,9 +20,12 @@ struct KnownOption {
 // Options are written "--name value" or "--name=value"; a value is never
 // another option, so a value that starts with "-" is written "--name=-1".
 // "-h" is "--help"; after "--" every word is an argument. Each option may be
-// given once. Anything else is bad input (UsageError).
+// given once. Anything else is bad input: an error that says why.
 class Arguments {
   public:
+    static android::base::Result<Arguments> read(const std::vector<std::string>& words,
+                                                 const std::vector<KnownOption>& options);
+    // The same for kivctl's commands, whose bad input is a UsageError.
     static Arguments parse(const std::vector<std::string>& words,
                            const std::vector<KnownOption>& options);
 
@@ -34,8 +39,11 @@ class Arguments {
     std::vector<std::string> mPositionals;
 };
 
-// Numbers typed by the user, within [low, high]; the message names what the
+// Numbers typed by the user, within [low, high]; the error names what the
 // number is for and the range.
+android::base::Result<int> readNumber(const std::string& text, const std::string& what, int low,
+                                      int high);
+// The same for kivctl's commands, whose bad input is a UsageError.
 int parseNumber(const std::string& text, const std::string& what, int low, int high);
 
 }  // namespace kivctl

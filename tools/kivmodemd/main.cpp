@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <functional>
 #include <iostream>
 #include <string>
 
@@ -61,41 +62,48 @@ int fail(int status, const std::string& why) {
 int main(int argc, char** argv) {
     std::string statePath, socketPath;
     xalservice::ModemServer::Options options;
-    try {
-        const std::vector<kivctl::KnownOption> known = {
-                {"--state", "FILE", ""},      {"--socket", "PATH", ""},
-                {"--capacity-3gpp", "N", ""}, {"--capacity-3gpp2", "N", ""},
-                {"--latency", "MS", ""},      {"--indication-delay", "MS", ""},
-                {"--help", nullptr, ""},      {"--version", nullptr, ""}};
-        const auto args =
-                kivctl::Arguments::parse(std::vector<std::string>(argv + 1, argv + argc), known);
-        if (args.has("--help")) {
-            fputs(kUsage, stdout);
-            return 0;
-        }
-        if (args.has("--version")) {
-            printf("kivmodemd %s\n", KIVMODEMD_VERSION);
-            return 0;
-        }
-        if (!args.positionals().empty()) {
-            return fail(kBadInput, "unexpected argument " + kivctl::quote(args.positionals()[0]) +
-                                           " (kivmodemd --help)");
-        }
-        statePath = args.value("--state").value_or("");
-        socketPath = args.value("--socket").value_or("");
-        auto number = [&](const char* option, int low, int high, auto set) {
-            if (auto text = args.value(option)) set(kivctl::parseNumber(*text, option, low, high));
-        };
-        number("--capacity-3gpp", 0, xalsim::kMaxCapacity3gpp,
-               [&](int n) { options.config.capacity3gpp = n; });
-        number("--capacity-3gpp2", 0, xalsim::kMaxCapacity3gpp2,
-               [&](int n) { options.config.capacity3gpp2 = n; });
-        number("--latency", 0, 60000,
-               [&](int n) { options.latency = std::chrono::milliseconds(n); });
-        number("--indication-delay", 0, 60000,
-               [&](int n) { options.config.indicationDelay = std::chrono::milliseconds(n); });
-    } catch (const kivctl::UsageError& e) {
-        return fail(kBadInput, std::string(e.what()) + " (kivmodemd --help)");
+    const std::vector<kivctl::KnownOption> known = {
+            {"--state", "FILE", ""},      {"--socket", "PATH", ""},
+            {"--capacity-3gpp", "N", ""}, {"--capacity-3gpp2", "N", ""},
+            {"--latency", "MS", ""},      {"--indication-delay", "MS", ""},
+            {"--help", nullptr, ""},      {"--version", nullptr, ""}};
+    const auto args =
+            kivctl::Arguments::read(std::vector<std::string>(argv + 1, argv + argc), known);
+    if (!args.ok()) return fail(kBadInput, args.error().message() + " (kivmodemd --help)");
+    if (args->has("--help")) {
+        fputs(kUsage, stdout);
+        return 0;
+    }
+    if (args->has("--version")) {
+        printf("kivmodemd %s\n", KIVMODEMD_VERSION);
+        return 0;
+    }
+    if (!args->positionals().empty()) {
+        return fail(kBadInput, "unexpected argument " + kivctl::quote(args->positionals()[0]) +
+                                       " (kivmodemd --help)");
+    }
+    statePath = args->value("--state").value_or("");
+    socketPath = args->value("--socket").value_or("");
+    // Each number within its range, else bad input.
+    const struct {
+        const char* option;
+        int low, high;
+        std::function<void(int)> set;
+    } kNumbers[] = {
+            {"--capacity-3gpp", 0, xalsim::kMaxCapacity3gpp,
+             [&](int n) { options.config.capacity3gpp = n; }},
+            {"--capacity-3gpp2", 0, xalsim::kMaxCapacity3gpp2,
+             [&](int n) { options.config.capacity3gpp2 = n; }},
+            {"--latency", 0, 60000, [&](int n) { options.latency = std::chrono::milliseconds(n); }},
+            {"--indication-delay", 0, 60000,
+             [&](int n) { options.config.indicationDelay = std::chrono::milliseconds(n); }},
+    };
+    for (const auto& number : kNumbers) {
+        const auto text = args->value(number.option);
+        if (!text) continue;
+        const auto value = kivctl::readNumber(*text, number.option, number.low, number.high);
+        if (!value.ok()) return fail(kBadInput, value.error().message() + " (kivmodemd --help)");
+        number.set(*value);
     }
     if (statePath.empty() || socketPath.empty()) {
         return fail(kBadInput, "--state FILE and --socket PATH are needed (kivmodemd --help)");
