@@ -28,6 +28,7 @@
 
 #include "base/EventFd.h"
 #include "base/Mutex.h"
+#include "wire/ClientContract.h"
 #include "wire/IndicationCodec.h"
 #include "wire/ServiceWire.h"
 #include "xal/wds_v01.h"
@@ -98,13 +99,7 @@ struct xal_client_struct {
     kiv::Mutex sendLock;  // one writer on the connection at a time
 };
 
-struct xal_idl_service_object {
-    int version;
-};
-
 namespace {
-
-xal_idl_service_object sWdsService{1};
 
 // Sends one packet, waiting for room until the deadline.
 xal_client_error_type sendPacket(int fd, const Message& message, Clock::time_point deadline) {
@@ -640,7 +635,7 @@ class Transport {
         switch (event.kind) {
             case EventKind::kNotify:
                 if (client->notifyCb) {
-                    client->notifyCb(client, &sWdsService,
+                    client->notifyCb(client, wire::wdsServiceObject(),
                                      static_cast<xal_client_notify_event_type>(event.code),
                                      client->notifyData);
                 }
@@ -854,15 +849,13 @@ extern "C" {
 xal_idl_service_object_type wds_get_service_object_internal_v01(int32_t idl_maj_version,
                                                                 int32_t /*idl_min_version*/,
                                                                 int32_t /*library_version*/) {
-    return idl_maj_version == 1 ? &sWdsService : nullptr;
+    return wire::serviceObjectFor(idl_maj_version);
 }
 
 xal_client_error_type xal_client_notifier_init(xal_idl_service_object_type service_obj,
                                                xal_client_os_params* os_params,
                                                xal_client_type* user_handle) {
-    if (user_handle == nullptr || os_params == nullptr || service_obj != &sWdsService) {
-        return XAL_CLIENT_PARAM_ERR;
-    }
+    if (auto refused = wire::checkNotifierInit(service_obj, os_params, user_handle)) return refused;
     *user_handle = Transport::instance().newNotifier();
     return XAL_NO_ERR;
 }
@@ -875,7 +868,7 @@ xal_client_error_type xal_client_register_notify_cb(xal_client_type user_handle,
 
 xal_client_error_type xal_client_get_any_service(xal_idl_service_object_type service_obj,
                                                  xal_service_info* service_info) {
-    if (service_info == nullptr || service_obj != &sWdsService) return XAL_CLIENT_PARAM_ERR;
+    if (auto refused = wire::checkGetAnyService(service_obj, service_info)) return refused;
     unique_fd probe;
     const xal_client_error_type result = handshake(probe, Role::kProbe, 0);
     if (result != XAL_NO_ERR) return XAL_SERVICE_ERR;
@@ -889,9 +882,8 @@ xal_client_error_type xal_client_init(xal_service_info* service_info,
                                       xal_client_ind_cb ind_cb, void* ind_cb_data,
                                       xal_client_os_params* os_params,
                                       xal_client_type* user_handle) {
-    if (service_info == nullptr || os_params == nullptr || user_handle == nullptr ||
-        service_obj != &sWdsService) {
-        return XAL_CLIENT_PARAM_ERR;
+    if (auto refused = wire::checkClientInit(service_info, service_obj, os_params, user_handle)) {
+        return refused;
     }
     return Transport::instance().newClient(ind_cb, ind_cb_data, user_handle);
 }
@@ -909,10 +901,10 @@ xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsi
     xal_client_error_type refused = XAL_NO_ERR;
     if (!transport.isLive(user_handle)) {
         refused = XAL_CLIENT_INVALID_CLNT;
-    } else if ((req_c_struct == nullptr && req_c_struct_len != 0) || resp_c_struct == nullptr ||
-               resp_c_struct_len < sizeof(xal_response_type_v01) ||
-               req_c_struct_len > wire::kMaxMessage - wire::kHeaderSize - 12) {
-        refused = XAL_CLIENT_PARAM_ERR;
+    } else {
+        // The request travels in one message, after the header and three words.
+        refused = wire::checkSend(req_c_struct, req_c_struct_len, resp_c_struct, resp_c_struct_len,
+                                  wire::kMaxMessage - wire::kHeaderSize - 12);
     }
     if (refused != XAL_NO_ERR) {
         // Never sent; its caller learns so, and so does the observer.

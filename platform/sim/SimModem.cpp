@@ -41,7 +41,7 @@ void SimModem::Impl::runDispatcher() {
         switch (event.kind) {
             case Event::kNotify:
                 if (callbacks.notifyCb) {
-                    callbacks.notifyCb(task.client, wdsServiceObject(),
+                    callbacks.notifyCb(task.client, wire::wdsServiceObject(),
                                        static_cast<xal_client_notify_event_type>(event.code),
                                        callbacks.notifyData);
                 }

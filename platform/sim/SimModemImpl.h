@@ -11,6 +11,7 @@
 
 #include "SimModem.h"
 #include "base/Mutex.h"
+#include "wire/ClientContract.h"
 
 struct xal_client_struct {
     bool notifier = false;
@@ -21,10 +22,6 @@ struct xal_client_struct {
     void* errorData = nullptr;
     xal_client_ind_cb indCb = nullptr;
     void* indData = nullptr;
-};
-
-struct xal_idl_service_object {
-    int version;
 };
 
 namespace xalsim {
@@ -57,8 +54,5 @@ struct SimModem::Impl {
     bool holding GUARDED_BY(lock) = false;
     std::thread dispatcher;
 };
-
-// The one WDS service object of the simulator.
-xal_idl_service_object_type wdsServiceObject();
 
 }  // namespace xalsim

@@ -3,18 +3,11 @@
 #include <cstring>
 
 #include "SimModemImpl.h"
+#include "wire/ClientContract.h"
 #include "wire/IndicationCodec.h"
 #include "xal/xal_host.h"
 
 namespace xalsim {
-
-namespace {
-xal_idl_service_object sWdsService{1};
-}  // namespace
-
-xal_idl_service_object_type wdsServiceObject() {
-    return &sWdsService;
-}
 
 // Entry points of the C interface, with access to the dispatcher.
 struct Api {
@@ -54,14 +47,13 @@ extern "C" {
 xal_idl_service_object_type wds_get_service_object_internal_v01(int32_t idl_maj_version,
                                                                 int32_t /*idl_min_version*/,
                                                                 int32_t /*library_version*/) {
-    return idl_maj_version == 1 ? xalsim::wdsServiceObject() : nullptr;
+    return wire::serviceObjectFor(idl_maj_version);
 }
 
 xal_client_error_type xal_client_notifier_init(xal_idl_service_object_type service_obj,
                                                xal_client_os_params* os_params,
                                                xal_client_type* user_handle) {
-    if (user_handle == nullptr || os_params == nullptr) return XAL_CLIENT_PARAM_ERR;
-    if (service_obj != xalsim::wdsServiceObject()) return XAL_CLIENT_PARAM_ERR;
+    if (auto refused = wire::checkNotifierInit(service_obj, os_params, user_handle)) return refused;
     xal_client_type handle = newHandle(true);
     Api::modem().openClient(handle, ClientRole::kNotifier, false);
     *user_handle = handle;
@@ -87,9 +79,7 @@ xal_client_error_type xal_client_register_notify_cb(xal_client_type user_handle,
 
 xal_client_error_type xal_client_get_any_service(xal_idl_service_object_type service_obj,
                                                  xal_service_info* service_info) {
-    if (service_info == nullptr || service_obj != xalsim::wdsServiceObject()) {
-        return XAL_CLIENT_PARAM_ERR;
-    }
+    if (auto refused = wire::checkGetAnyService(service_obj, service_info)) return refused;
     const xal_client_error_type result = Api::modem().probeService();
     if (result != XAL_NO_ERR) return result;
     memset(service_info, 0, sizeof(*service_info));
@@ -102,9 +92,8 @@ xal_client_error_type xal_client_init(xal_service_info* service_info,
                                       xal_client_ind_cb ind_cb, void* ind_cb_data,
                                       xal_client_os_params* os_params,
                                       xal_client_type* user_handle) {
-    if (service_info == nullptr || os_params == nullptr || user_handle == nullptr ||
-        service_obj != xalsim::wdsServiceObject()) {
-        return XAL_CLIENT_PARAM_ERR;
+    if (auto refused = wire::checkClientInit(service_info, service_obj, os_params, user_handle)) {
+        return refused;
     }
     xal_client_type handle = newHandle(false);
     {
@@ -153,9 +142,9 @@ xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsi
                                                unsigned int timeout_msecs) {
     xal_client_struct* client = openHandle(user_handle);
     if (client == nullptr || client->notifier) return XAL_CLIENT_INVALID_CLNT;
-    if ((req_c_struct == nullptr && req_c_struct_len != 0) || resp_c_struct == nullptr ||
-        resp_c_struct_len < sizeof(xal_response_type_v01)) {
-        return XAL_CLIENT_PARAM_ERR;
+    if (auto refused = wire::checkSend(req_c_struct, req_c_struct_len, resp_c_struct,
+                                       resp_c_struct_len, UINT32_MAX)) {
+        return refused;
     }
     {
         auto& impl = Api::impl();
