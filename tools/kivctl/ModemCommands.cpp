@@ -6,6 +6,7 @@
 #include <map>
 
 #include "Watcher.h"
+#include "WdsNames.h"
 #include "common/Errors.h"
 #include "remote/XalRemote.h"
 #include "xal/wds_v01.h"
@@ -16,32 +17,12 @@ using nlohmann::ordered_json;
 
 namespace {
 
-const std::map<std::string, unsigned int> kKinds = {
-        {"create", XAL_WDS_CREATE_PROFILE_REQ_V01},
-        {"modify", XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01},
-        {"delete", XAL_WDS_DELETE_PROFILE_REQ_V01},
-        {"list", XAL_WDS_GET_PROFILE_LIST_REQ_V01},
-        {"get", XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01},
-        {"bind", XAL_WDS_BIND_SUBSCRIPTION_REQ_V01},
-        {"register", XAL_WDS_INDICATION_REGISTER_REQ_V01},
-        {"events", XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01}};
-
-// A request kind by its name, as "modem fail" takes it, and back.
-std::string kindOf(unsigned int msgId) {
-    for (const auto& [name, id] : kKinds) {
-        if (id == msgId) return name;
-    }
-    char hex[16];
-    snprintf(hex, sizeof(hex), "0x%02X", msgId);
-    return hex;
-}
-
 // One fault still to come, as "modem status" says it.
 std::string faultText(const nlohmann::json& fault) {
     const std::string kind = fault.value("kind", "");
     const int count = fault.value("count", 0);
     const int skip = fault.value("skip", 0);
-    const std::string what = kindOf(fault.value("msgId", 0u));
+    const std::string what = requestName(fault.value("msgId", 0u));
     const std::string next =
             "the next " + (count == 1 ? std::string() : std::to_string(count) + " ");
     std::string text;
@@ -65,8 +46,7 @@ std::string faultText(const nlohmann::json& fault) {
 }
 
 unsigned int messageIdOf(const std::string& kind) {
-    auto it = kKinds.find(kind);
-    if (it != kKinds.end()) return it->second;
+    if (auto msgId = requestByName(kind)) return *msgId;
     unsigned int id = 0;
     if (android::base::ParseUint(kind, &id, 0xFFFFu)) return id;
     throw UsageError("unknown request kind " + quote(kind) +
@@ -87,23 +67,16 @@ nlohmann::json indication(const std::vector<std::string>& words) {
         static const std::map<std::string, int> kTypes = {{"3gpp", WDS_PROFILE_TYPE_3GPP_V01},
                                                           {"3gpp2", WDS_PROFILE_TYPE_3GPP2_V01},
                                                           {"all", WDS_PROFILE_TYPE_ALL_V01}};
-        static const std::map<std::string, int> kEvents = {
-                {"create", WDS_PROFILE_EVENT_CREATE_V01},
-                {"delete", WDS_PROFILE_EVENT_DELETE_V01},
-                {"modify", WDS_PROFILE_EVENT_MODIFY_V01},
-                {"subscription-change", WDS_PROFILE_EVENT_SUBSCRIPTION_CHANGE_V01},
-                {"profile-ready", WDS_PROFILE_EVENT_PROFILE_READY_V01}};
         auto type = kTypes.find(words[1]);
         if (type == kTypes.end()) {
             throw UsageError("bad profile type " + quote(words[1]) + " (3gpp|3gpp2|all)");
         }
-        auto event = kEvents.find(words[3]);
+        const auto event = eventByName(words[3]);
         return {{"op", "indicate"},
                 {"kind", "changed"},
                 {"type", type->second},
                 {"index", parseNumber(words[2], "an index", 0, 255)},
-                {"event", event != kEvents.end() ? event->second
-                                                 : parseNumber(words[3], "an event", 0, 1000000)}};
+                {"event", event ? *event : parseNumber(words[3], "an event", 0, 1000000)}};
     }
     if (kind == "raw") {
         if (words.size() != 3) throw UsageError("usage: modem send raw MESSAGE-ID HEX-BYTES");

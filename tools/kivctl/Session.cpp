@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "ProfileOptions.h"
+#include "WdsNames.h"
 #include "base/Mutex.h"
 #include "common/Errors.h"
 #include "diag/diag_host.h"
@@ -236,13 +237,6 @@ std::string Session::storageReason(uint32_t systemError) const {
 }
 
 std::string Session::describe(const FailedRequest& failed) const {
-    static const std::map<unsigned int, std::string> kNames = {
-            {XAL_WDS_CREATE_PROFILE_REQ_V01, "create"},
-            {XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, "modify"},
-            {XAL_WDS_DELETE_PROFILE_REQ_V01, "delete"},
-            {XAL_WDS_GET_PROFILE_LIST_REQ_V01, "list"},
-            {XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01, "get"}};
-    auto name = kNames.find(failed.msgId);
     std::string why;
     switch (failed.result) {
         case XAL_NO_ERR:
@@ -278,7 +272,7 @@ std::string Session::describe(const FailedRequest& failed) const {
             why = "failed on the way, error " + std::to_string(failed.result);
             break;
     }
-    return (name != kNames.end() ? name->second : std::to_string(failed.msgId)) + " (" + why + ")";
+    return requestName(failed.msgId) + " (" + why + ")";
 }
 
 void Session::requireDone(const std::string& command) {

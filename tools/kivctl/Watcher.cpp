@@ -1,6 +1,7 @@
 #include "Watcher.h"
 
 #include "Output.h"
+#include "WdsNames.h"
 #include "common/Errors.h"
 #include "remote/XalRemote.h"
 #include "sim/SettingsJson.h"
@@ -100,8 +101,6 @@ std::optional<xalsim::Settings> ChangeWatcher::settings(
 }
 
 nlohmann::ordered_json ChangeWatcher::describe(const Change& indication) {
-    static const char* const kEvents[] = {
-            "0", "create", "delete", "modify", "subscription-change", "profile-ready"};
     nlohmann::ordered_json change;
     if (indication.kind != Change::kIndication) {
         change["event"] = indication.kind == Change::kServiceDown ? "service-down" : "service-up";
@@ -128,7 +127,7 @@ nlohmann::ordered_json ChangeWatcher::describe(const Change& indication) {
     }
     const auto& record = decoded.profile_changed_ind;
     const int32_t event = record.profile_change_evt;
-    change["event"] = event >= 1 && event <= 5 ? kEvents[event] : std::to_string(event);
+    change["event"] = eventName(event);
     if (record.profile_type != WDS_PROFILE_TYPE_ALL_V01) {
         change["tech"] = xalsim::typeName(record.profile_type);
         change["id"] = record.profile_index;
