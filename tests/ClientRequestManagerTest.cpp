@@ -1,6 +1,6 @@
-// The request pipeline's classes on their own: the worker, and the manager
-// that puts it together with the caller queue and the executor. The caller
-// queue is driven by many clients at once in ConcurrencyTest.
+// The request pipeline put together: the manager with its worker, caller
+// queue and executor. The caller queue is driven by many clients at once in
+// ConcurrencyTest.
 
 #include <gtest/gtest.h>
 
@@ -11,27 +11,12 @@
 
 #include "sim/SimModem.h"
 #include "src/ClientRequestManager.h"
-#include "src/Worker.h"
 #include "support/LibraryFixture.h"
 
 namespace kiv {
 namespace {
 
 using namespace std::chrono_literals;
-
-TEST(WorkerTest, PostedWorkRunsOnTheWorkerAfterThePassEvenWhenPostedJustBeforeStop) {
-    Worker worker;
-    std::atomic<int> passes{0};
-    worker.start([&] { ++passes; });
-    std::promise<std::thread::id> ranOn;
-    worker.post([&] { ranOn.set_value(std::this_thread::get_id()); });
-    worker.stop();  // the task was never woken for: the stop runs it
-    const auto id = ranOn.get_future().get();
-    EXPECT_NE(id, std::this_thread::get_id());
-    EXPECT_GE(passes.load(), 1);
-    EXPECT_FALSE(worker.isCurrentThread());
-    worker.stop();  // a second stop does nothing
-}
 
 class ClientRequestManagerTest : public test::LibraryFixture {
   protected:
