@@ -3,7 +3,9 @@
 // of the process, matches answers to the requests waiting for them, runs
 // the callbacks in order with the answers, and reconnects notifiers when the
 // service comes back. Handles are never freed, so a released handle is
-// never mistaken for a live one. Internal to libxalremote.
+// never mistaken for a live one. Internal to libxalremote: its clients and
+// requests are in Transport.cpp, its event thread in TransportThread.cpp,
+// one connection's packets and hello in Connection.h.
 #pragma once
 
 #include <android-base/unique_fd.h>

@@ -2,10 +2,7 @@
 
 #include <android-base/stringprintf.h>
 #include <sys/epoll.h>
-#include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,12 +10,11 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "sim/SettingsJson.h"
+#include "ControlCommands.h"
+#include "ServiceSocket.h"
 
 namespace xalservice {
 
-using android::base::ErrnoError;
-using android::base::Error;
 using android::base::Result;
 using android::base::StringPrintf;
 using android::base::unique_fd;
@@ -37,20 +33,6 @@ constexpr int kReadsPerTurn = 32;
 // At most this much of a request's time-out is kept for its answer's way back.
 constexpr std::chrono::milliseconds kAnswerMargin{100};
 
-const char* roleName(Role role) {
-    switch (role) {
-        case Role::kNotifier:
-            return "notifier";
-        case Role::kService:
-            return "service client";
-        case Role::kControl:
-            return "control client";
-        case Role::kProbe:
-            return "probe";
-    }
-    return "client";
-}
-
 wire::EventKind wireKind(Event::Kind kind) {
     switch (kind) {
         case Event::kNotify:
@@ -61,14 +43,6 @@ wire::EventKind wireKind(Event::Kind kind) {
             break;
     }
     return wire::EventKind::kIndication;
-}
-
-// A message id given in a control command.
-std::optional<unsigned int> messageId(const json& value) {
-    if (value.is_number_unsigned() && value.get<uint64_t>() <= 0xFFFF) {
-        return value.get<unsigned int>();
-    }
-    return std::nullopt;
 }
 
 }  // namespace
@@ -103,9 +77,7 @@ ModemServer::ModemServer(const Options& options, Log log)
     watch(mWake.get(), kWakeKey, EPOLLIN);
 }
 
-ModemServer::~ModemServer() {
-    if (!mSocketPath.empty()) unlink(mSocketPath.c_str());
-}
+ModemServer::~ModemServer() = default;
 
 void ModemServer::watch(int fd, uint64_t key, uint32_t events) {
     epoll_event event{};
@@ -117,43 +89,10 @@ void ModemServer::watch(int fd, uint64_t key, uint32_t events) {
 }
 
 Result<void> ModemServer::listen(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof(address.sun_path)) {
-        return Error() << "socket path '" << path << "' must have 1 to "
-                       << sizeof(address.sun_path) - 1 << " characters";
-    }
-    memcpy(address.sun_path, path.data(), path.size());
-
-    // Whoever holds the lock owns the socket path; a socket found there
-    // without a holder was left by a service that died.
-    auto lock = kiv::LockFile::tryLock(path + ".lock", nullptr);
-    if (!lock.ok()) {
-        if (lock.error().code() == EWOULDBLOCK) {
-            return Error() << "another kivmodemd serves " << path;
-        }
-        return android::base::unexpected(lock.error());
-    }
-    struct stat info;
-    if (lstat(path.c_str(), &info) == 0) {
-        if (!S_ISSOCK(info.st_mode)) return Error() << path << " exists and is not a socket";
-        if (unlink(path.c_str()) != 0) return ErrnoError() << "cannot replace " << path;
-    }
-    unique_fd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (listener.get() < 0) return ErrnoError() << "cannot make a socket";
-    // Only the owner may talk to the modem: the table holds passwords.
-    const mode_t previous = umask(0177);
-    const int bound = bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    const int bindErrno = errno;
-    umask(previous);
-    if (bound != 0) return Error(bindErrno) << "cannot bind " << path;
-    mSocketPath = path;
-    if (chmod(path.c_str(), 0600) != 0) return ErrnoError() << "cannot set the mode of " << path;
-    if (::listen(listener.get(), SOMAXCONN) != 0)
-        return ErrnoError() << "cannot listen on " << path;
-    mSocketLock.emplace(std::move(*lock));
-    mListener = std::move(listener);
-    watch(mListener.get(), kListenKey, EPOLLIN);
+    auto socket = ServiceSocket::listen(path);
+    if (!socket.ok()) return socket.error();
+    mSocket.emplace(std::move(*socket));
+    watch(mSocket->get(), kListenKey, EPOLLIN);
     return {};
 }
 
@@ -269,12 +208,12 @@ bool ModemServer::heldBack(const Connection& connection) const {
 
 std::string ModemServer::describe(const Connection& connection) const {
     return StringPrintf("client %llu (pid %d, %s)", static_cast<unsigned long long>(connection.id),
-                        static_cast<int>(connection.pid), roleName(connection.role));
+                        static_cast<int>(connection.pid), wire::roleName(connection.role));
 }
 
 void ModemServer::accept() {
     for (;;) {
-        unique_fd fd(accept4(mListener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        unique_fd fd(accept4(mSocket->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (fd.get() < 0) {
             if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
                 mLog(StringPrintf("cannot accept a client: %s", strerror(errno)));
@@ -414,7 +353,7 @@ void ModemServer::handle(Connection& connection, const Message& message) {
             break;
     }
     drop(connection, std::string("unexpected ") + wire::typeName(message.type) + " from a " +
-                             roleName(connection.role));
+                             wire::roleName(connection.role));
 }
 
 void ModemServer::reply(Connection& connection, const Message& message) {
@@ -546,142 +485,14 @@ void ModemServer::checkWaiters(Clock::time_point now) {
 }
 
 void ModemServer::handleControl(Connection& connection, const Message& message) {
-    nlohmann::ordered_json answer = {{"ok", true}};
-    auto refuse = [&](const std::string& why) { answer = {{"ok", false}, {"error", why}}; };
-    json command = json::parse(message.text(), nullptr, /*allow_exceptions=*/false);
-    const std::string op =
-            command.is_object() && command.contains("op") && command["op"].is_string()
-                    ? command["op"].get<std::string>()
-                    : "";
-    auto count = [&](const char* name, int fallback) {
-        const json& value = command.is_object() && command.contains(name) ? command[name] : json();
-        return value.is_number_integer()
-                       ? static_cast<int>(std::clamp<int64_t>(value.get<int64_t>(), 0, 1000000))
-                       : fallback;
-    };
-    auto storeError = [&](uint64_t failedBefore) {
-        if (mModem.counters().failedCommits != failedBefore) refuse(mModem.lastCommitError());
-    };
-    const uint64_t failedBefore = mModem.counters().failedCommits;
-
-    if (op == "status") {
-        const auto config = mModem.config();
-        const auto counters = mModem.counters();
-        size_t clients = 0;
-        for (const auto& info : mModem.clients()) clients += !info.released;
-        answer["serviceUp"] = mModem.isServiceUp();
-        answer["capacity3gpp"] = config.capacity3gpp;
-        answer["capacity3gpp2"] = config.capacity3gpp2;
-        answer["latencyMs"] = mOptions.latency.count();
-        answer["clients"] = clients;
-        answer["profiles"] = mModem.profiles().size();
-        answer["requests"] = counters.requests;
-        answer["failedRequests"] = counters.failedRequests;
-        answer["failedCommits"] = counters.failedCommits;
-        answer["commitError"] = mModem.lastCommitError();
-        json faults = json::array();
-        for (const auto& fault : mModem.pendingFaults()) {
-            faults.push_back({{"kind", fault.kind},
-                              {"msgId", fault.msgId},
-                              {"count", fault.count},
-                              {"skip", fault.skip}});
-        }
-        answer["faults"] = std::move(faults);
-    } else if (op == "profiles") {
-        nlohmann::ordered_json list = nlohmann::ordered_json::array();
-        for (const auto& [slot, settings] : mModem.table()) {
-            list.push_back(xalsim::profileToJson(slot, settings));
-        }
-        answer["profiles"] = std::move(list);
-    } else if (op == "restart") {
-        mModem.restart();
-        storeError(failedBefore);
-    } else if (op == "down" || op == "up") {
-        mModem.setServiceUp(op == "up");
-        storeError(failedBefore);
-    } else if (op == "clearFaults") {
-        mModem.clearFaults();
-    } else if (op == "reset") {
-        // The whole table changed: every client is told to read it again. A
-        // fresh modem has no faults to come either.
-        mModem.clearFaults();
-        if (auto restored = mModem.restoreTable(xalsim::factoryTable()); restored.ok()) {
-            mModem.sendProfileReady();
-        } else {
-            refuse(restored.error().message());
-        }
-    } else if (op == "fail" || op == "timeout") {
-        const auto id = messageId(command.value("msgId", json()));
-        if (!id) {
-            refuse("a message id is needed");
-        } else if (op == "fail") {
-            mModem.failNext(*id, count("count", 1), count("skip", 0));
-        } else {
-            mModem.timeoutNext(*id, count("count", 1));
-        }
-    } else if (op == "hold") {
-        const json on = command.contains("on") ? command["on"] : json(true);
-        if (on.is_boolean()) {
-            mHolding = on.get<bool>();
-        } else {
-            refuse("hold needs on: true or false");
-        }
-    } else if (op == "externalDelete") {
-        // A profile deleted by another party: every registered client is told.
-        if (!mModem.externalDelete(static_cast<wds_profile_type_enum_v01>(count("type", 0)),
-                                   static_cast<uint8_t>(count("index", 0)))) {
-            refuse(mModem.counters().failedCommits != failedBefore ? mModem.lastCommitError()
-                                                                   : "no such profile");
-        }
-    } else if (op == "failService") {
-        mModem.failGetAnyService(count("count", 1));
-    } else if (op == "failConnect") {
-        mModem.failClientInit(count("count", 1));
-    } else if (op == "indicate") {
-        const json named = command.contains("kind") ? command["kind"] : json();
-        const std::string kind = named.is_string() ? named.get<std::string>() : "";
-        if (kind == "subscription-change") {
-            mModem.sendSubscriptionChange();
-        } else if (kind == "profile-ready") {
-            mModem.sendProfileReady();
-        } else if (kind == "changed") {
-            mModem.sendProfileChanged(static_cast<int32_t>(count("type", 0)),
-                                      static_cast<uint8_t>(count("index", 0)),
-                                      static_cast<int32_t>(count("event", 0)));
-        } else if (kind == "raw") {
-            const auto id = messageId(command.value("msgId", json()));
-            const json bytes = command.value("bytes", json::array());
-            std::vector<uint8_t> payload;
-            bool good = id && bytes.is_array() && bytes.size() <= 16384;
-            for (const auto& byte : bytes) {
-                good = good && byte.is_number_unsigned() && byte.get<uint64_t>() <= 0xFF;
-                if (good) payload.push_back(byte.get<uint8_t>());
-            }
-            if (good) {
-                mModem.sendRawIndication(*id, std::move(payload));
-            } else {
-                refuse("a raw indication needs a message id and at most 16384 bytes");
-            }
-        } else {
-            refuse("unknown indication '" + kind + "'");
-        }
-    } else if (op == "requestCount") {
-        const auto id = messageId(command.value("msgId", json()));
-        answer["count"] = id ? mArrivals[*id] : 0;
-    } else if (op == "waitRequests") {
-        const auto id = messageId(command.value("msgId", json()));
-        if (!id) {
-            refuse("a message id is needed");
-        } else {
-            mWaiters.push_back(
-                    {connection.id, message.seq, *id, static_cast<uint64_t>(count("count", 1)),
-                     Clock::now() + std::chrono::milliseconds(count("timeoutMs", 10000))});
-            return;  // answered by checkWaiters
-        }
-    } else {
-        refuse("unknown command '" + op + "'");
+    ControlCommands commands(mModem, mOptions.latency, mHolding, mArrivals);
+    const auto outcome = commands.run(message.text());
+    if (outcome.wait) {
+        mWaiters.push_back({connection.id, message.seq, outcome.wait->msgId, outcome.wait->count,
+                            Clock::now() + outcome.wait->timeout});
+        return;  // answered by checkWaiters
     }
-    reply(connection, wire::makeText(MessageType::kReply, message.seq, answer.dump()));
+    reply(connection, wire::makeText(MessageType::kReply, message.seq, outcome.answer.dump()));
 }
 
 }  // namespace xalservice

@@ -27,8 +27,8 @@
 #include <string>
 #include <vector>
 
+#include "ServiceSocket.h"
 #include "base/EventFd.h"
-#include "base/LockFile.h"
 #include "base/Mutex.h"
 #include "sim/ModemCore.h"
 #include "wire/ServiceWire.h"
@@ -138,9 +138,7 @@ class ModemServer {
 
     android::base::unique_fd mEpoll;
     kiv::EventFd mWake;  // stop(), adopt() and events posted by other threads
-    android::base::unique_fd mListener;
-    std::optional<kiv::LockFile> mSocketLock;
-    std::string mSocketPath;
+    std::optional<ServiceSocket> mSocket;
 
     // Events the modem raised, waiting for the service thread.
     kiv::Mutex mPostedLock;

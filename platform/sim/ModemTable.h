@@ -62,6 +62,10 @@ Settings make3gpp2Settings(const std::string& apn, wds_profile_pdn_type_enum_v01
 Table factoryTable();
 // What a modem keeps when it powers on: the profiles it stores persistently.
 void keepPersistent(Table& table);
+// The profile types a modem holds: 3GPP and 3GPP2.
+inline bool knownProfileType(int32_t type) {
+    return type == WDS_PROFILE_TYPE_3GPP_V01 || type == WDS_PROFILE_TYPE_3GPP2_V01;
+}
 // "3gpp" or "3gpp2", the names used in files and on the command line.
 const char* typeName(int32_t profileType);
 

@@ -65,6 +65,20 @@ const char* typeName(MessageType type) {
     return "unknown";
 }
 
+const char* roleName(Role role) {
+    switch (role) {
+        case Role::kNotifier:
+            return "notifier";
+        case Role::kService:
+            return "service client";
+        case Role::kControl:
+            return "control client";
+        case Role::kProbe:
+            return "probe";
+    }
+    return "client";
+}
+
 std::vector<uint8_t> encode(const Message& message) {
     std::vector<uint8_t> out;
     const size_t words = wordCount(message.type);

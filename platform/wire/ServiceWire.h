@@ -67,6 +67,8 @@ struct Message {
 // How many words a message type carries.
 size_t wordCount(MessageType type);
 const char* typeName(MessageType type);
+// What a connection of the role is called in the service's log.
+const char* roleName(Role role);
 
 std::vector<uint8_t> encode(const Message& message);
 // An error, with the reason, for bytes that are not one well-formed message.
