@@ -228,7 +228,6 @@ class ModemCore {
         size_t responseSize;
         Handler serve;
     };
-    static const MessageService kServices[];
     static const MessageService* serviceOf(unsigned int msgId);
 
     xal_client_error_type serveBindLocked(Client& client, ClientId id, const void* request,

@@ -36,27 +36,30 @@ void unterminateStrings(Settings& s) {
 
 }  // namespace
 
-const ModemCore::MessageService ModemCore::kServices[] = {
-        {XAL_WDS_INDICATION_REGISTER_REQ_V01, sizeof(wds_indication_register_req_msg_v01),
-         sizeof(wds_generic_resp_msg_v01), &ModemCore::serveIndicationRegisterLocked},
-        {XAL_WDS_CREATE_PROFILE_REQ_V01, sizeof(wds_create_profile_req_msg_v01),
-         sizeof(wds_create_profile_resp_msg_v01), &ModemCore::serveCreateLocked},
-        {XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, sizeof(wds_modify_profile_settings_req_msg_v01),
-         sizeof(wds_modify_profile_settings_resp_msg_v01), &ModemCore::serveModifyLocked},
-        {XAL_WDS_DELETE_PROFILE_REQ_V01, sizeof(wds_delete_profile_req_msg_v01),
-         sizeof(wds_delete_profile_resp_msg_v01), &ModemCore::serveDeleteLocked},
-        {XAL_WDS_GET_PROFILE_LIST_REQ_V01, sizeof(wds_get_profile_list_req_msg_v01),
-         sizeof(wds_get_profile_list_resp_msg_v01), &ModemCore::serveListLocked},
-        {XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01, sizeof(wds_get_profile_settings_req_msg_v01),
-         sizeof(wds_get_profile_settings_resp_msg_v01), &ModemCore::serveSettingsLocked},
-        {XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01,
-         sizeof(wds_configure_profile_event_list_req_msg_v01), sizeof(wds_generic_resp_msg_v01),
-         &ModemCore::serveEventListLocked},
-        {XAL_WDS_BIND_SUBSCRIPTION_REQ_V01, sizeof(wds_bind_subscription_req_msg_v01),
-         sizeof(wds_generic_resp_msg_v01), &ModemCore::serveBindLocked},
-};
-
 const ModemCore::MessageService* ModemCore::serviceOf(unsigned int msgId) {
+    // Local to this unit: a program may hold the modem twice (a test linking
+    // the simulator both statically and as libxalsim), and the table must
+    // not be one global object shared by both.
+    static const MessageService kServices[] = {
+            {XAL_WDS_INDICATION_REGISTER_REQ_V01, sizeof(wds_indication_register_req_msg_v01),
+             sizeof(wds_generic_resp_msg_v01), &ModemCore::serveIndicationRegisterLocked},
+            {XAL_WDS_CREATE_PROFILE_REQ_V01, sizeof(wds_create_profile_req_msg_v01),
+             sizeof(wds_create_profile_resp_msg_v01), &ModemCore::serveCreateLocked},
+            {XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01,
+             sizeof(wds_modify_profile_settings_req_msg_v01),
+             sizeof(wds_modify_profile_settings_resp_msg_v01), &ModemCore::serveModifyLocked},
+            {XAL_WDS_DELETE_PROFILE_REQ_V01, sizeof(wds_delete_profile_req_msg_v01),
+             sizeof(wds_delete_profile_resp_msg_v01), &ModemCore::serveDeleteLocked},
+            {XAL_WDS_GET_PROFILE_LIST_REQ_V01, sizeof(wds_get_profile_list_req_msg_v01),
+             sizeof(wds_get_profile_list_resp_msg_v01), &ModemCore::serveListLocked},
+            {XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01, sizeof(wds_get_profile_settings_req_msg_v01),
+             sizeof(wds_get_profile_settings_resp_msg_v01), &ModemCore::serveSettingsLocked},
+            {XAL_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01,
+             sizeof(wds_configure_profile_event_list_req_msg_v01), sizeof(wds_generic_resp_msg_v01),
+             &ModemCore::serveEventListLocked},
+            {XAL_WDS_BIND_SUBSCRIPTION_REQ_V01, sizeof(wds_bind_subscription_req_msg_v01),
+             sizeof(wds_generic_resp_msg_v01), &ModemCore::serveBindLocked},
+    };
     for (const auto& service : kServices) {
         if (service.msgId == msgId) return &service;
     }
