@@ -37,7 +37,9 @@ class ClientRequestManagerTest : public test::LibraryFixture {
     }
 };
 
-TEST_F(ClientRequestManagerTest, RefreshBracketRefusesAndMalformedRequestsGetTypedFailures) {
+// Inside a refresh bracket every request is answered with a failure of its
+// own type; once the bracket closes they are served again.
+TEST_F(ClientRequestManagerTest, RefreshBracketRefusesRequestsUntilItCloses) {
     auto pipeline = ownPipeline();
     auto found = filter(*pipeline, 1);
     ASSERT_TRUE(found && found->getFilterResult().size() == 1);
@@ -61,8 +63,11 @@ TEST_F(ClientRequestManagerTest, RefreshBracketRefusesAndMalformedRequestsGetTyp
     found = filter(*pipeline, 1);
     ASSERT_TRUE(found);
     EXPECT_EQ(found->getStatus(), Status::Success);
+}
 
-    // A request of no known type, and no request: a failure, and null.
+// A request of no known type gets a failure, and no request gets none.
+TEST_F(ClientRequestManagerTest, MalformedRequestsGetTypedFailures) {
+    auto pipeline = ownPipeline();
     auto odd = pipeline->processClientRequest(
             std::make_shared<ClientRequest>(static_cast<ReqRespType>(42)));
     ASSERT_TRUE(odd);

@@ -218,7 +218,7 @@ TEST_F(ServiceTest, TimeOutNoAnswerWithinItIsATimeOut) {
     EXPECT_EQ(xal_client_release(client), XAL_CLIENT_INVALID_CLNT);
 }
 
-TEST_F(ServiceTest, DaemonRefusesWhatItCannotServeAndStopsCleanly) {
+TEST_F(ServiceTest, DaemonRefusesWhatItCannotServe) {
     startDaemon();
     struct stat info {};
     ASSERT_EQ(stat(socket.c_str(), &info), 0);
@@ -245,12 +245,8 @@ TEST_F(ServiceTest, DaemonRefusesWhatItCannotServeAndStopsCleanly) {
         EXPECT_NE(result.err.find(refused.words), std::string::npos) << result.err;
     }
     EXPECT_FALSE(fs::exists(dir + "/other.state"));
-
     daemon->kill(SIGTERM);
-    const auto stopped = daemon->finish();
-    EXPECT_EQ(stopped.status, 0);
-    EXPECT_NE(daemonLog().find("stopping on Terminated"), std::string::npos) << daemonLog();
-    EXPECT_FALSE(fs::exists(socket));
+    EXPECT_EQ(daemon->finish().status, 0);
 
     // A state file it cannot load: one line, exit status 2, the file untouched.
     std::ofstream(state) << "{\"format\": \"kivr-modem-state\", \"version\": 2, \"profiles\": [";
@@ -261,9 +257,17 @@ TEST_F(ServiceTest, DaemonRefusesWhatItCannotServeAndStopsCleanly) {
     EXPECT_EQ(lines(result.err), 1u) << result.err;
     EXPECT_NE(result.err.find("is the file cut short?"), std::string::npos) << result.err;
     EXPECT_EQ(read(state), damaged);
+}
 
-    // SIGINT stops it as cleanly; a socket left by a daemon that died is taken over.
-    fs::remove(state);
+// SIGTERM and SIGINT stop it cleanly, its socket gone; a socket left by a
+// daemon that died is taken over.
+TEST_F(ServiceTest, DaemonStopsCleanlyOnSignals) {
+    startDaemon();
+    daemon->kill(SIGTERM);
+    EXPECT_EQ(daemon->finish().status, 0);
+    EXPECT_NE(daemonLog().find("stopping on Terminated"), std::string::npos) << daemonLog();
+    EXPECT_FALSE(fs::exists(socket));
+
     startDaemon();
     daemon->kill(SIGKILL);
     daemon->finish();
@@ -293,11 +297,9 @@ TEST_F(ServiceTest, ControlCallGivenUpOnThenAnotherGetsItsOwnAnswer) {
     EXPECT_TRUE(status->contains("serviceUp")) << status->dump();
 }
 
-// A modem's room, exactly: a small one starts with the factory profiles that
-// fit, takes adds up to its last index and refuses the next one, saying so;
-// one slower than the library waits is said at once; and it leaves no lock
-// file behind when it stops.
-TEST_F(ServiceTest, ModemsRoomAndSpeedAsTheOptionsSayAndNoLockLeft) {
+// A new modem with little room starts with the factory profiles it can hold
+// and is full at its capacity; the daemon leaves no lock file when it stops.
+TEST_F(ServiceTest, ModemsRoomAsTheOptionsSay) {
     startDaemon({"--capacity-3gpp", "5", "--capacity-3gpp2", "0"});
     auto listed = onService({"--json", "list"});
     ASSERT_EQ(listed.status, 0) << listed.err;
@@ -315,7 +317,11 @@ TEST_F(ServiceTest, ModemsRoomAndSpeedAsTheOptionsSayAndNoLockLeft) {
     EXPECT_EQ(daemon->finish().status, 0);
     EXPECT_FALSE(fs::exists(state + ".lock"));
     EXPECT_FALSE(fs::exists(socket + ".lock"));
+}
 
+// A modem slower than the library waits is said at once, not taken for one
+// that never comes up.
+TEST_F(ServiceTest, SlowModemSaidAtOnce) {
     startDaemon({"--latency", "950"});
     const auto slow = onService({"list"});
     EXPECT_EQ(slow.status, 1);

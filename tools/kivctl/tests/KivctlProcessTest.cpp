@@ -176,7 +176,7 @@ TEST_F(KivctlProcessTest, NoPasswordInAnythingKivctlPrints) {
 // kivctl's standard output is its own: --json output in the shell is JSON,
 // line after line, whatever the library writes; a state file named on the
 // command line is used even when KIVR_MODEM names a service.
-TEST_F(KivctlProcessTest, OutputIsKivctlsOwnAndTheStateFileNamedIsUsed) {
+TEST_F(KivctlProcessTest, ShellOnTheStateFileNamedPrintsOnlyItsOwnJson) {
     Subprocess::Options elsewhere;
     elsewhere.environment.push_back("KIVR_MODEM=" + dir + "/no.such.sock");
     const auto result = Subprocess::run(
