@@ -146,17 +146,15 @@ xal_client_error_type Transport::sendSync(xal_client_type client, unsigned int m
     Awaited answer;
     uint32_t seq;
     kiv::MutexLock guard(mLock);
-    std::optional<xal_client_error_type> early;
-    if (!isLiveLocked(client) || client->notifier) {
-        early = XAL_CLIENT_INVALID_CLNT;
-    } else if (client->lost || !client->connected) {
-        early = XAL_SERVICE_ERR;  // not sent: the service is away
-    } else if (mRequestHook) {
+    std::optional<xal_client_error_type> early = refusalLocked(client);
+    if (!early && mRequestHook) {
         const xalremote::RequestHook hook = mRequestHook;
         guard.unlock();
         auto local = hook(client, msgId, request, requestLength, response, responseLength);
         guard.lock();
-        if (local) {
+        // The client may have been released or lost the service meanwhile.
+        early = refusalLocked(client);
+        if (!early && local) {
             early = XAL_NO_ERR;
             answerLocallyLocked(client, std::move(*local));
         }
@@ -318,6 +316,12 @@ Transport::Transport() : mBusy(nullptr), mServiceLost(false), mEpoll(epoll_creat
     event.events = EPOLLIN;
     event.data.ptr = nullptr;
     epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, mWake.get(), &event);
+}
+
+std::optional<xal_client_error_type> Transport::refusalLocked(xal_client_type client) const {
+    if (!isLiveLocked(client) || client->notifier) return XAL_CLIENT_INVALID_CLNT;
+    if (client->lost || !client->connected) return XAL_SERVICE_ERR;  // the service is away
+    return std::nullopt;
 }
 
 bool Transport::isLiveLocked(xal_client_type client) const {

@@ -137,6 +137,9 @@ class Transport {
     Transport();
 
     bool isLiveLocked(xal_client_type client) const REQUIRES(mLock);
+    // Why a request of the client cannot be sent now; none when it can.
+    std::optional<xal_client_error_type> refusalLocked(xal_client_type client) const
+            REQUIRES(mLock);
 
     size_t registeredLocked() const REQUIRES(mLock);
 

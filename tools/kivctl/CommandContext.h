@@ -89,4 +89,27 @@ class CommandContext {
     std::string mCommand;
 };
 
+// What each group of commands (ProfileCommands, PolicyCommands,
+// ModemCommands) works with: the running command's context and what it
+// holds. A group is made on the context for one command.
+class CommandGroup {
+  protected:
+    explicit CommandGroup(CommandContext& context)
+        : mContext(context),
+          mSession(context.session()),
+          mGlobals(context.globals()),
+          mOut(context.out()),
+          mErr(context.err()),
+          mInShell(context.inShell()) {}
+
+    kiv::Manager& manager() { return mContext.manager(); }
+
+    CommandContext& mContext;
+    Session& mSession;
+    const Globals& mGlobals;
+    std::ostream& mOut;
+    std::ostream& mErr;
+    const bool mInShell;
+};
+
 }  // namespace kivctl

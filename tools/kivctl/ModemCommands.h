@@ -7,26 +7,12 @@
 
 namespace kivctl {
 
-class ModemCommands {
+class ModemCommands : private CommandGroup {
   public:
-    explicit ModemCommands(CommandContext& context)
-        : mContext(context),
-          mSession(context.session()),
-          mGlobals(context.globals()),
-          mOut(context.out()),
-          mErr(context.err()),
-          mInShell(context.inShell()) {}
+    explicit ModemCommands(CommandContext& context) : CommandGroup(context) {}
 
     int modem(const Arguments& args);
     int watch(const Arguments& args);
-
-  private:
-    CommandContext& mContext;
-    Session& mSession;
-    const Globals& mGlobals;
-    std::ostream& mOut;
-    std::ostream& mErr;
-    const bool mInShell;
 };
 
 }  // namespace kivctl

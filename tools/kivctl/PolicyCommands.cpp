@@ -89,38 +89,37 @@ CommandContext::Outcome PolicyCommands::policyOutcome(const std::shared_ptr<kiv:
     return outcome;
 }
 
-int PolicyCommands::attach(const Arguments& args) {
-    mSession.util().setProfileUpdateAllowed(args.has("--allow-update"));
-    ProfileParams params;
-    readProfileOptions(args, params, TechType::TECH_3GPP);
-    mContext.learnSecrets(params);
-    const Snapshot before = snapshot();
-    const auto key = mSession.util().findOrCreateProfileForLteAttach(params);
-    const CommandContext::Outcome outcome = policyOutcome(key, params, before);
-    return mContext.report("attach profile", key, nullptr, &outcome);
-}
-
-int PolicyCommands::dataCall(const Arguments& args) {
-    const TechType tech = techOption(args).value_or(TechType::TECH_3GPP);
+int PolicyCommands::runPolicy(
+        const Arguments& args, TechType tech, const std::string& action,
+        const std::function<std::shared_ptr<kiv::IProfileKey>(const ProfileParams& params)>&
+                findOrCreate) {
     mSession.util().setProfileUpdateAllowed(args.has("--allow-update"));
     ProfileParams params;
     readProfileOptions(args, params, tech);
     mContext.learnSecrets(params);
     const Snapshot before = snapshot();
-    const auto key = mSession.util().findOrCreateProfileForSetupDataCall(tech, params);
+    const auto key = findOrCreate(params);
     const CommandContext::Outcome outcome = policyOutcome(key, params, before);
-    return mContext.report("data-call profile", key, nullptr, &outcome);
+    return mContext.report(action, key, nullptr, &outcome);
+}
+
+int PolicyCommands::attach(const Arguments& args) {
+    return runPolicy(args, TechType::TECH_3GPP, "attach profile", [this](const auto& params) {
+        return mSession.util().findOrCreateProfileForLteAttach(params);
+    });
+}
+
+int PolicyCommands::dataCall(const Arguments& args) {
+    const TechType tech = techOption(args).value_or(TechType::TECH_3GPP);
+    return runPolicy(args, tech, "data-call profile", [this, tech](const auto& params) {
+        return mSession.util().findOrCreateProfileForSetupDataCall(tech, params);
+    });
 }
 
 int PolicyCommands::emergency(const Arguments& args) {
-    mSession.util().setProfileUpdateAllowed(args.has("--allow-update"));
-    ProfileParams params;
-    readProfileOptions(args, params, TechType::TECH_3GPP);
-    mContext.learnSecrets(params);
-    const Snapshot before = snapshot();
-    const auto key = mSession.util().findOrCreateProfileForEmergencyDataCall(params);
-    const CommandContext::Outcome outcome = policyOutcome(key, params, before);
-    return mContext.report("emergency profile", key, nullptr, &outcome);
+    return runPolicy(args, TechType::TECH_3GPP, "emergency profile", [this](const auto& params) {
+        return mSession.util().findOrCreateProfileForEmergencyDataCall(params);
+    });
 }
 
 namespace {

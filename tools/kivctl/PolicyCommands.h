@@ -3,23 +3,19 @@
 // each says what it did to the profile it answers with.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "CommandContext.h"
 
 namespace kivctl {
 
-class PolicyCommands {
+class PolicyCommands : private CommandGroup {
   public:
-    explicit PolicyCommands(CommandContext& context)
-        : mContext(context),
-          mSession(context.session()),
-          mGlobals(context.globals()),
-          mOut(context.out()),
-          mErr(context.err()),
-          mInShell(context.inShell()) {}
+    explicit PolicyCommands(CommandContext& context) : CommandGroup(context) {}
 
     int attach(const Arguments& args);
     int dataCall(const Arguments& args);
@@ -30,20 +26,17 @@ class PolicyCommands {
     // Every profile as the library sees it, by technology and id.
     using Snapshot = std::map<std::pair<kiv::TechType, int>, kiv::ProfileParams>;
 
-    kiv::Manager& manager() { return mContext.manager(); }
     Snapshot snapshot();
+    // A policy command: its options read, the library's policy run on them
+    // (the update rule as --allow-update says), and what it did reported.
+    int runPolicy(const Arguments& args, kiv::TechType tech, const std::string& action,
+                  const std::function<std::shared_ptr<kiv::IProfileKey>(
+                          const kiv::ProfileParams& params)>& findOrCreate);
     // A policy command's profile against the table before it and what was
     // asked: created (and whether it is temporary), changed (before and
     // after), or chosen though it does not hold all that was asked.
     CommandContext::Outcome policyOutcome(const std::shared_ptr<kiv::IProfileKey>& key,
                                           const kiv::ProfileParams& asked, const Snapshot& before);
-
-    CommandContext& mContext;
-    Session& mSession;
-    const Globals& mGlobals;
-    std::ostream& mOut;
-    std::ostream& mErr;
-    const bool mInShell;
 };
 
 }  // namespace kivctl

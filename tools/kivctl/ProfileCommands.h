@@ -6,15 +6,9 @@
 
 namespace kivctl {
 
-class ProfileCommands {
+class ProfileCommands : private CommandGroup {
   public:
-    explicit ProfileCommands(CommandContext& context)
-        : mContext(context),
-          mSession(context.session()),
-          mGlobals(context.globals()),
-          mOut(context.out()),
-          mErr(context.err()),
-          mInShell(context.inShell()) {}
+    explicit ProfileCommands(CommandContext& context) : CommandGroup(context) {}
 
     int list(const Arguments& args);
     int show(const Arguments& args);
@@ -24,16 +18,6 @@ class ProfileCommands {
     int find(const Arguments& args);
     int dump(const Arguments& args);
     int reclaim(const Arguments& args);
-
-  private:
-    kiv::Manager& manager() { return mContext.manager(); }
-
-    CommandContext& mContext;
-    Session& mSession;
-    const Globals& mGlobals;
-    std::ostream& mOut;
-    std::ostream& mErr;
-    const bool mInShell;
 };
 
 }  // namespace kivctl
