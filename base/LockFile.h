@@ -23,23 +23,11 @@ class LockFile {
     // Takes the lock if nobody holds it. Held by another: the error's code
     // is EWOULDBLOCK and `holder` says who (what the holder recorded).
     static android::base::Result<LockFile> tryLock(const std::string& path, std::string* holder) {
-        for (;;) {
-            android::base::unique_fd fd(TEMP_FAILURE_RETRY(
-                    open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
-            if (fd.get() < 0) return android::base::ErrnoError() << "cannot open the lock " << path;
-            if (TEMP_FAILURE_RETRY(flock(fd.get(), LOCK_EX | LOCK_NB)) != 0) {
-                const int why = errno;
-                if (holder != nullptr) *holder = readHolder(fd.get());
-                return android::base::Error(why) << "cannot lock " << path;
-            }
-            // The holder before may have removed the file as it let go.
-            struct stat held {};
-            struct stat named {};
-            if (fstat(fd.get(), &held) == 0 && stat(path.c_str(), &named) == 0 &&
-                held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
-                return LockFile(path, std::move(fd));
-            }
-        }
+        return acquire(path, LOCK_EX | LOCK_NB, holder);
+    }
+    // Takes the lock, waiting for whoever holds it to let go.
+    static android::base::Result<LockFile> lock(const std::string& path) {
+        return acquire(path, LOCK_EX, nullptr);
     }
 
     LockFile(LockFile&& other) = default;
@@ -62,6 +50,27 @@ class LockFile {
     }
 
   private:
+    static android::base::Result<LockFile> acquire(const std::string& path, int operation,
+                                                  std::string* holder) {
+        for (;;) {
+            android::base::unique_fd fd(TEMP_FAILURE_RETRY(
+                    open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
+            if (fd.get() < 0) return android::base::ErrnoError() << "cannot open the lock " << path;
+            if (TEMP_FAILURE_RETRY(flock(fd.get(), operation)) != 0) {
+                const int why = errno;
+                if (holder != nullptr) *holder = readHolder(fd.get());
+                return android::base::Error(why) << "cannot lock " << path;
+            }
+            // The holder before may have removed the file as it let go.
+            struct stat held {};
+            struct stat named {};
+            if (fstat(fd.get(), &held) == 0 && stat(path.c_str(), &named) == 0 &&
+                held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
+                return LockFile(path, std::move(fd));
+            }
+        }
+    }
+
     void letGo() {
         if (mFd.get() < 0) return;
         // Removed while still held: nobody can take a file that is going.

@@ -23,6 +23,7 @@
 #define RELEASE(...)
 #define TRY_ACQUIRE(...)
 #define EXCLUDES(...)
+#define ACQUIRED_BEFORE(...)
 #define RETURN_CAPABILITY(x)
 #define NO_THREAD_SAFETY_ANALYSIS
 #endif

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "SettingsJson.h"
+#include "base/AtomicFile.h"
 #include "base/LockFile.h"
 
 namespace xalsim {
@@ -25,7 +26,7 @@ namespace {
 
 constexpr const char* kFormat = "kivr-modem-state";
 
-StateFile::DiskCalls sDiskCalls{::fsync, ::rename};
+kiv::DiskCalls sDiskCalls;
 constexpr int kVersion = 2;
 
 Result<Table> parseJson(const std::string& text) {
@@ -69,31 +70,12 @@ Result<Table> parseJson(const std::string& text) {
     return table;
 }
 
-// Follows a chain of symlinks to the file it ends at, which need not exist.
-Result<std::string> resolve(const std::string& path) {
-    std::string current = path;
-    for (int hops = 0; hops < 40; ++hops) {
-        struct stat info;
-        if (lstat(current.c_str(), &info) != 0) {
-            if (errno == ENOENT) return current;
-            return ErrnoError() << "cannot read " << current;
-        }
-        if (!S_ISLNK(info.st_mode)) return current;
-        std::string target;
-        if (!android::base::Readlink(current, &target)) {
-            return ErrnoError() << "cannot read the link " << current;
-        }
-        current = target[0] == '/' ? target : android::base::Dirname(current) + "/" + target;
-    }
-    return Error() << path << ": too many levels of symbolic links";
-}
-
 }  // namespace
 
 Result<StateFile> StateFile::open(const std::string& path, const std::string& owner,
                                   std::chrono::milliseconds wait) {
     if (path.empty()) return Error() << "no state file given";
-    auto resolved = resolve(path);
+    auto resolved = kiv::resolveSymlinks(path);
     if (!resolved.ok()) return resolved.error();
     struct stat info;
     if (stat(resolved->c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
@@ -198,46 +180,7 @@ Result<Table> StateFile::parse(const std::string& text) {
 }
 
 Result<void> StateFile::save(const Table& table) const {
-    const std::string text = serialize(table);
-    // The file keeps its mode and owner; a new one is private.
-    mode_t mode = 0600;
-    struct stat old;
-    const bool existed = stat(mPath.c_str(), &old) == 0;
-    if (existed) mode = old.st_mode & 07777;
-
-    std::string temporary =
-            android::base::Dirname(mPath) + "/." + android::base::Basename(mPath) + ".XXXXXX";
-    // mkostemp creates the name exclusively: a symlink planted there fails it.
-    unique_fd fd(mkostemp(temporary.data(), O_CLOEXEC));
-    // The new table is written beside the old one, then renamed over it: the
-    // folder must take a new file.
-    if (fd.get() < 0) {
-        return ErrnoError() << "cannot write " << mPath << " (a new file in "
-                            << android::base::Dirname(mPath) << ")";
-    }
-    auto fail = [&](const char* what) -> Result<void> {
-        const int saved = errno;
-        unlink(temporary.c_str());
-        return Error(saved) << what << " " << mPath;
-    };
-    if (fchmod(fd.get(), mode) != 0) return fail("cannot set the mode of");
-    if (existed && (old.st_uid != geteuid() || old.st_gid != getegid()) &&
-        fchown(fd.get(), old.st_uid, old.st_gid) != 0 && errno != EPERM) {
-        return fail("cannot set the owner of");
-    }
-    if (!android::base::WriteFully(fd.get(), text.data(), text.size())) {
-        return fail("cannot write");
-    }
-    // On the disk before it takes the old one's place, so that a power cut
-    // leaves the old table or the new one, never an empty file.
-    if (sDiskCalls.fsync(fd.get()) != 0) return fail("cannot write");
-    if (close(fd.release()) != 0) return fail("cannot write");
-    if (sDiskCalls.rename(temporary.c_str(), mPath.c_str()) != 0) return fail("cannot replace");
-    // The rename itself reaches the disk with the directory.
-    unique_fd dir(
-            ::open(android::base::Dirname(mPath).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.get() >= 0) sDiskCalls.fsync(dir.get());
-    return {};
+    return kiv::replaceFile(mPath, serialize(table), sDiskCalls);
 }
 
 void StateFile::setDiskCalls(const DiskCalls& calls) {

@@ -24,6 +24,7 @@
 #include <string>
 
 #include "ModemCore.h"
+#include "base/AtomicFile.h"
 #include "base/LockFile.h"
 
 namespace xalsim {
@@ -63,10 +64,7 @@ class StateFile {
 
     // The calls a save makes to get the table to the disk whole, so that a
     // test can see them in their order (the system's own by default).
-    struct DiskCalls {
-        int (*fsync)(int fd);
-        int (*rename)(const char* from, const char* to);
-    };
+    using DiskCalls = kiv::DiskCalls;
     static void setDiskCalls(const DiskCalls& calls);
 
   private:
