@@ -59,9 +59,8 @@ inline android::base::Result<void> replaceFile(const std::string& path, const st
     // The new text is written beside the old one, then renamed over it: the
     // folder must take a new file.
     if (fd.get() < 0) {
-        return android::base::ErrnoError()
-               << "cannot write " << path << " (a new file in " << android::base::Dirname(path)
-               << ")";
+        return android::base::ErrnoError() << "cannot write " << path << " (a new file in "
+                                           << android::base::Dirname(path) << ")";
     }
     auto fail = [&](const char* what) -> android::base::Result<void> {
         const int saved = errno;

@@ -51,7 +51,7 @@ class LockFile {
 
   private:
     static android::base::Result<LockFile> acquire(const std::string& path, int operation,
-                                                  std::string* holder) {
+                                                   std::string* holder) {
         for (;;) {
             android::base::unique_fd fd(TEMP_FAILURE_RETRY(
                     open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));

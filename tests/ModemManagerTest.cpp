@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <thread>
 
 #include "Util.h"
@@ -72,8 +73,8 @@ TEST_P(EachBehaviour, LibraryLifeAddModifyDeleteWithTheirEchoes) {
     settle();
     EXPECT_TRUE(byApn("kept.changed").empty());
     EXPECT_EQ(log->count(LogLevel::Info, kCacheUpdate), 0u) << clientLogText();
-    const auto listed = busctl({"call", "org.freedesktop.ModemManager1", modemPath(),
-                                kProfileManager, "List"});
+    const auto listed =
+            busctl({"call", "org.freedesktop.ModemManager1", modemPath(), kProfileManager, "List"});
     EXPECT_EQ(listed.out.find("kept"), std::string::npos) << listed.out;
     EXPECT_EQ(listed.out.find("temporary"), std::string::npos) << listed.out;
 }
@@ -90,16 +91,15 @@ TEST_P(EachBehaviour, IndependentClientsChangesArriveAsForeignChanges) {
     auto result = busctl({"call", "org.freedesktop.ModemManager1", path, kProfileManager, "Set",
                           "a{sv}", "2", "apn", "s", "from.busctl", "ip-type", "u", "1"});
     ASSERT_EQ(result.status, 0) << result.err;
-    ASSERT_TRUE(eventually([] { return byApn("from.busctl").size() == 1; }))
-            << clientLogText();
+    ASSERT_TRUE(eventually([] { return byApn("from.busctl").size() == 1; })) << clientLogText();
     auto key = byApn("from.busctl").front();
     EXPECT_EQ(Manager::getInstance().getProfile(key)->getHomeIPType(), IPType::V4);
     EXPECT_TRUE(eventually([&] { return log->count(LogLevel::Info, kCacheUpdate) == 2; }));
 
     const std::string index = std::to_string(key->getProfileId());
-    result = busctl({"call", "org.freedesktop.ModemManager1", path, kProfileManager, "Set",
-                     "a{sv}", "3", "profile-id", "i", index, "apn", "s", "from.busctl",
-                     "ip-type", "u", "2"});
+    result =
+            busctl({"call", "org.freedesktop.ModemManager1", path, kProfileManager, "Set", "a{sv}",
+                    "3", "profile-id", "i", index, "apn", "s", "from.busctl", "ip-type", "u", "2"});
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_TRUE(eventually([&] {
         auto seen = Manager::getInstance().getProfile(byApn("from.busctl").front());
@@ -107,7 +107,8 @@ TEST_P(EachBehaviour, IndependentClientsChangesArriveAsForeignChanges) {
     }));
 
     // Behind the daemon's back: no modem manager announces it.
-    control("Change", {"0", "a{sv}", "2", "apn", "s", "behind.back", "ip-type", "u", "4", "false"});
+    control("Change",
+            {"ua{sv}b", "0", "2", "apn", "s", "behind.back", "ip-type", "u", "4", "false"});
     xalmm::setPollInterval(100ms);
     EXPECT_TRUE(eventually([] { return byApn("behind.back").size() == 1; })) << clientLogText();
 
@@ -163,12 +164,194 @@ TEST_P(EachBehaviour, PolicyHelpersFindOrCreateOnce) {
     ProfileParams emergency;
     emergency.setApnName("sos");
     auto sos = util.findOrCreateProfileForEmergencyDataCall(emergency);
+    if (!keepsEverything()) {
+        // An AT modem keeps no APN types: the emergency profile cannot be
+        // made, and each try fails once, leaving nothing behind.
+        EXPECT_FALSE(sos);
+        EXPECT_FALSE(util.findOrCreateProfileForEmergencyDataCall(emergency));
+        EXPECT_EQ(clientLogged("create: the modem did not keep 'apn-type'"), 2u) << clientLogText();
+        settle();
+        EXPECT_TRUE(byApn("sos").empty());
+        return;
+    }
     ASSERT_TRUE(sos) << clientLogText();
     settle();
     auto sosAgain = util.findOrCreateProfileForEmergencyDataCall(emergency);
     ASSERT_TRUE(sosAgain);
     EXPECT_EQ(sosAgain->getProfileId(), sos->getProfileId());
     EXPECT_EQ(log->count(LogLevel::Info, kCacheUpdate), 0u) << clientLogText();
+}
+
+// The modem manager's events, each a modem going down and coming back: the
+// library rereads, its keys from before are void, and it goes on working.
+TEST_F(ModemManagerTest, DaemonModemAndSimComingAndGoingEachFollowedByAReread) {
+    startDaemon();
+    startLibrary();
+    auto kept = add("kept.apn", true);
+    ASSERT_TRUE(kept) << clientLogText();
+    settle();
+    const std::string firstPath = modemPath();
+
+    const struct {
+        const char* event;
+        std::function<void()> leave;
+        std::function<void()> comeBack;
+    } kEvents[] = {
+            {"the daemon leaves the bus", [&] { control("DaemonGone"); },
+             [&] { control("DaemonBack"); }},
+            {"the modem is re-exported",
+             [&] {
+                 control("Reexport", {"u", "0"});
+             },
+             nullptr},
+            {"the SIM is swapped",
+             [&] {
+                 control("SwapSim", {"us", "0", "8900100000000000999"});
+             },
+             nullptr},
+            {"the modem is disabled",
+             [&] {
+                 control("SetState", {"ui", "0", "3"});
+             },
+             [&] {
+                 control("SetState", {"ui", "0", "8"});
+             }},
+    };
+    size_t downs = 0;
+    for (const auto& event : kEvents) {
+        SCOPED_TRACE(event.event);
+        kept = byApn("kept.apn").front();
+        event.leave();
+        if (event.comeBack) {
+            ASSERT_TRUE(eventually([] { return xalmm::registeredClients() == 0; }));
+            EXPECT_FALSE(xalmm::currentModem());
+            event.comeBack();
+        }
+        ++downs;
+        ASSERT_TRUE(eventually([&] {
+            return log->count(LogLevel::Warning, "Handling modem down") == downs;
+        })) << clientLogText();
+        ASSERT_TRUE(xalmm::waitForRegisteredClients(1, 20s)) << clientLogText();
+        settle();
+        EXPECT_FALSE(Manager::getInstance().getProfile(kept));  // void after the reread
+        EXPECT_EQ(byApn("kept.apn").size(), 1u);
+        auto again = add("after.event", false);
+        EXPECT_TRUE(again) << clientLogText();
+        again.reset();
+        settle();
+        EXPECT_TRUE(byApn("after.event").empty());
+    }
+    const auto modem = xalmm::currentModem();
+    ASSERT_TRUE(modem);
+    EXPECT_NE(modem->path, firstPath);
+    EXPECT_EQ(modem->simIdentifier, "8900100000000000999");
+    EXPECT_EQ(modem->equipmentId, "356938035643800");
+}
+
+TEST_F(ModemManagerTest, TwoModemsChosenByIdentifierOrByInstance) {
+    startDaemon({"--modems", "2"});
+    xalmm::setModem("kivr-sim-modem-1");
+    startLibrary();
+    auto modem = xalmm::currentModem();
+    ASSERT_TRUE(modem);
+    EXPECT_EQ(modem->deviceId, "kivr-sim-modem-1");
+    auto key = add("on.the.second", true);
+    ASSERT_TRUE(key) << clientLogText();
+    const auto second =
+            busctl({"call", "org.freedesktop.ModemManager1", modem->path, kProfileManager, "List"});
+    EXPECT_NE(second.out.find("on.the.second"), std::string::npos);
+    // Re-exported, it is found again by its identifier, not its path.
+    control("Reexport", {"u", "1"});
+    ASSERT_TRUE(eventually([&] {
+        auto now = xalmm::currentModem();
+        return now && now->path != modem->path && now->deviceId == "kivr-sim-modem-1";
+    }));
+}
+
+TEST_F(ModemManagerTest, RefusalsAndValuesTheModemCannotHoldFailWithTheirReason) {
+    startDaemon({"--capacity", "5"});
+    startLibrary();
+    const auto tableBefore =
+            busctl({"call", "org.freedesktop.ModemManager1", modemPath(), kProfileManager, "List"});
+    const struct {
+        const char* logged;
+        std::function<void(ProfileParams&)> set;
+    } kNotHeld[] = {
+            {"max_pdn_conn_timer", [](ProfileParams& p) { p.setMaxPdnConnTimer(60); }},
+            {"apn_class", [](ProfileParams& p) { p.setApnClass(ApnClass::ADMN); }},
+            {"clat_enabled", [](ProfileParams& p) { p.setIsClatEnabled(true); }},
+            {"lte_roaming_pdp_type",
+             [](ProfileParams& p) {
+                 p.setHomeIPType(IPType::V4);
+                 p.setRoamIPType(IPType::V6);
+             }},
+            {"apn_type_mask (supl)", [](ProfileParams& p) { p.setApnTypesMask(APN_TYPE_SUPL); }},
+    };
+    for (const auto& c : kNotHeld) {
+        ProfileParams params;
+        params.setApnName("not.held");
+        c.set(params);
+        EXPECT_FALSE(add(params, true)) << c.logged;
+        EXPECT_EQ(clientLogged(std::string("create: the modem cannot hold ") + c.logged), 1u)
+                << clientLogText();
+    }
+    EXPECT_FALSE(Manager::getInstance().addProfile(
+            AddProfileParams(ProfileParams(), true, TechType::TECH_3GPP2, false)));
+    EXPECT_EQ(clientLogged("3GPP profiles only"), 1u) << clientLogText();
+
+    // A modify the modem cannot hold leaves the profile as it was.
+    auto key = add("held.apn", true);
+    ASSERT_TRUE(key) << clientLogText();
+    ModifyProfileParams timer;
+    timer.setPdnReqWaitInterval(9);
+    Manager::getInstance().modifyProfile(timer, key);
+    EXPECT_EQ(clientLogged("modify: the modem cannot hold pdn_req_wait_interval"), 1u);
+
+    // The modem's own refusals: a profile in use, a full table.
+    control("SetConnected", {"uib", "0", std::to_string(key->getProfileId()), "true"});
+    EXPECT_FALSE(Manager::getInstance().deleteProfile(key));
+    EXPECT_EQ(clientLogged("Error.Core.Connected"), 1u) << clientLogText();
+    EXPECT_TRUE(add("fifth", true));
+    EXPECT_FALSE(add("sixth", true));
+    EXPECT_EQ(clientLogged("No empty profile available"), 1u) << clientLogText();
+    settle();
+    EXPECT_EQ(Manager::getInstance().filter(FilterProfileParams()).size(), 5u);
+    EXPECT_TRUE(byApn("not.held").empty());
+    EXPECT_EQ(log->count(LogLevel::Info, kCacheUpdate), 0u);
+    (void)tableBefore;
+}
+
+TEST_F(ModemManagerTest, AtModemKeepsOnlyApnAndIpTypeNothingElseIsTakenAsWritten) {
+    startDaemon({"--behaviour", "at"});
+    startLibrary();
+    ProfileParams params;
+    params.setApnName("with.user");
+    params.setUserName("bob");
+    params.setAuthType(AuthType::PAP);
+    EXPECT_FALSE(add(params, true));
+    EXPECT_EQ(clientLogged("create: the modem did not keep"), 1u) << clientLogText();
+    const auto listed =
+            busctl({"call", "org.freedesktop.ModemManager1", modemPath(), kProfileManager, "List"});
+    EXPECT_EQ(listed.out.find("with.user"), std::string::npos) << "not deleted again";
+
+    // A name it cannot keep is the library's to remember.
+    auto named = add("named.apn", true);
+    ASSERT_TRUE(named);
+    settle();
+    FilterProfileParams ours;
+    ours.setFilterByIsKivProfile(true);
+    EXPECT_EQ(Manager::getInstance().filter(ours).size(), 1u);
+}
+
+TEST_F(ModemManagerTest, NoAnswerWithinTheTimeOutIsATimeOutAndTheChangeArrivesLater) {
+    startDaemon();
+    startLibrary();
+    // Later than the library waits (1000 ms).
+    control("DelayNext", {"suu", "Set", "1", "1500"});
+    EXPECT_FALSE(add("late.apn", true));
+    EXPECT_EQ(clientLogged("got no answer in time"), 1u) << clientLogText();
+    // The modem made it: it arrives as a change of the modem's own.
+    EXPECT_TRUE(eventually([] { return byApn("late.apn").size() == 1; }));
 }
 
 INSTANTIATE_TEST_SUITE_P(ModemManager, EachBehaviour, testing::Values("1.20", "1.24", "at"),

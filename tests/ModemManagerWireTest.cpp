@@ -87,13 +87,15 @@ TEST_F(ModemManagerWireTest, ServedObjectsMatchThePublishedInterfaceFiles) {
     const std::string simPath = sim.out.substr(3, sim.out.find('"', 3) - 3);  // o "/..."
 
     size_t checked = 0;
-    for (const std::string& path : {std::string("/org/freedesktop/ModemManager1"), modem, simPath}) {
-        const auto served = busctl({"introspect", "--xml-interface", "org.freedesktop.ModemManager1",
-                                    path});
+    for (const std::string& path :
+         {std::string("/org/freedesktop/ModemManager1"), modem, simPath}) {
+        const auto served =
+                busctl({"introspect", "--xml-interface", "org.freedesktop.ModemManager1", path});
         ASSERT_EQ(served.status, 0) << path << ": " << served.err;
-        Document document(xmlReadMemory(served.out.data(), static_cast<int>(served.out.size()),
-                                        "served.xml", nullptr, XML_PARSE_NONET | XML_PARSE_NOBLANKS),
-                          xmlFreeDoc);
+        Document document(
+                xmlReadMemory(served.out.data(), static_cast<int>(served.out.size()), "served.xml",
+                              nullptr, XML_PARSE_NONET | XML_PARSE_NOBLANKS),
+                xmlFreeDoc);
         ASSERT_TRUE(document) << served.out;
         for (const auto& [name, servedMembers] : interfaces(document.get())) {
             if (name.rfind("org.freedesktop.DBus.", 0) == 0) continue;

@@ -22,10 +22,12 @@ inline constexpr const char* kObjectManagerInterface = "org.freedesktop.DBus.Obj
 inline constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
 
 // Errors the modem manager answers with.
-inline constexpr const char* kErrorInvalidArgs = "org.freedesktop.ModemManager1.Error.Core.InvalidArgs";
+inline constexpr const char* kErrorInvalidArgs =
+        "org.freedesktop.ModemManager1.Error.Core.InvalidArgs";
 inline constexpr const char* kErrorNotFound = "org.freedesktop.ModemManager1.Error.Core.NotFound";
 inline constexpr const char* kErrorConnected = "org.freedesktop.ModemManager1.Error.Core.Connected";
-inline constexpr const char* kErrorWrongState = "org.freedesktop.ModemManager1.Error.Core.WrongState";
+inline constexpr const char* kErrorWrongState =
+        "org.freedesktop.ModemManager1.Error.Core.WrongState";
 inline constexpr const char* kErrorUnauthorized =
         "org.freedesktop.ModemManager1.Error.Core.Unauthorized";
 inline constexpr const char* kErrorUnsupported =

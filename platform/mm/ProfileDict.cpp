@@ -17,10 +17,18 @@ struct KeyInfo {
     char type;
 };
 constexpr KeyInfo kKeys[] = {
-        {"profile-id", 'i'},     {"profile-name", 's'},      {"apn", 's'},
-        {"ip-type", 'u'},        {"allowed-auth", 'u'},      {"user", 's'},
-        {"password", 's'},       {"apn-type", 'u'},          {"profile-enabled", 'b'},
-        {"access-type-preference", 'u'}, {"roaming-allowance", 'u'}, {"profile-source", 'u'},
+        {"profile-id", 'i'},
+        {"profile-name", 's'},
+        {"apn", 's'},
+        {"ip-type", 'u'},
+        {"allowed-auth", 'u'},
+        {"user", 's'},
+        {"password", 's'},
+        {"apn-type", 'u'},
+        {"profile-enabled", 'b'},
+        {"access-type-preference", 'u'},
+        {"roaming-allowance", 'u'},
+        {"profile-source", 'u'},
 };
 
 // The modem's APN type bits and the interface's; 0: the interface has none.
@@ -30,12 +38,10 @@ struct ApnTypeBit {
     const char* name;
 };
 constexpr ApnTypeBit kApnTypes[] = {
-        {0x1, kApnDefault, "default"},   {0x2, kApnIms, "ims"},
-        {0x4, kApnMms, "mms"},           {0x8, kApnTethering, "dun"},
-        {0x10, 0, "supl"},               {0x20, 0, "hipri"},
-        {0x40, kApnManagement, "fota"},  {0x80, 0, "cbs"},
-        {0x100, kApnInitial, "ia"},      {0x200, kApnEmergency, "emergency"},
-        {0x400, kApnXcap, "xcap"},       {0x800, 0, "mcx"},
+        {0x1, kApnDefault, "default"},       {0x2, kApnIms, "ims"},     {0x4, kApnMms, "mms"},
+        {0x8, kApnTethering, "dun"},         {0x10, 0, "supl"},         {0x20, 0, "hipri"},
+        {0x40, kApnManagement, "fota"},      {0x80, 0, "cbs"},          {0x100, kApnInitial, "ia"},
+        {0x200, kApnEmergency, "emergency"}, {0x400, kApnXcap, "xcap"}, {0x800, 0, "mcx"},
 };
 constexpr uint32_t managerApnBits() {
     uint32_t bits = 0;
@@ -73,34 +79,50 @@ void putText(uint8_t& valid, char (&field)[N], const std::string& value) {
 // ip-type of a PDP type; nothing for one the interface cannot name (PPP).
 std::optional<uint32_t> ipTypeOfPdp(uint32_t pdp) {
     switch (pdp) {
-        case WDS_PDP_TYPE_PDP_IPV4_V01: return kIpV4;
-        case WDS_PDP_TYPE_PDP_IPV6_V01: return kIpV6;
-        case WDS_PDP_TYPE_PDP_IPV4V6_V01: return kIpV4V6;
-        default: return std::nullopt;
+        case WDS_PDP_TYPE_PDP_IPV4_V01:
+            return kIpV4;
+        case WDS_PDP_TYPE_PDP_IPV6_V01:
+            return kIpV6;
+        case WDS_PDP_TYPE_PDP_IPV4V6_V01:
+            return kIpV4V6;
+        default:
+            return std::nullopt;
     }
 }
 std::optional<uint32_t> ipTypeOfCommon(uint32_t common) {
     switch (common) {
-        case WDS_COMMON_PDP_TYPE_PDP_IPV4_V01: return kIpV4;
-        case WDS_COMMON_PDP_TYPE_PDP_IPV6_V01: return kIpV6;
-        case WDS_COMMON_PDP_TYPE_PDP_IPV4V6_V01: return kIpV4V6;
-        default: return std::nullopt;
+        case WDS_COMMON_PDP_TYPE_PDP_IPV4_V01:
+            return kIpV4;
+        case WDS_COMMON_PDP_TYPE_PDP_IPV6_V01:
+            return kIpV6;
+        case WDS_COMMON_PDP_TYPE_PDP_IPV4V6_V01:
+            return kIpV4V6;
+        default:
+            return std::nullopt;
     }
 }
 std::optional<wds_pdp_type_enum_v01> pdpOfIpType(uint32_t ipType) {
     switch (ipType) {
-        case kIpV4: return WDS_PDP_TYPE_PDP_IPV4_V01;
-        case kIpV6: return WDS_PDP_TYPE_PDP_IPV6_V01;
-        case kIpV4V6: return WDS_PDP_TYPE_PDP_IPV4V6_V01;
-        default: return std::nullopt;
+        case kIpV4:
+            return WDS_PDP_TYPE_PDP_IPV4_V01;
+        case kIpV6:
+            return WDS_PDP_TYPE_PDP_IPV6_V01;
+        case kIpV4V6:
+            return WDS_PDP_TYPE_PDP_IPV4V6_V01;
+        default:
+            return std::nullopt;
     }
 }
 wds_common_pdp_type_enum_v01 commonOfIpType(uint32_t ipType) {
     switch (ipType) {
-        case kIpV4: return WDS_COMMON_PDP_TYPE_PDP_IPV4_V01;
-        case kIpV6: return WDS_COMMON_PDP_TYPE_PDP_IPV6_V01;
-        case kIpV4V6: return WDS_COMMON_PDP_TYPE_PDP_IPV4V6_V01;
-        default: return WDS_COMMON_PDP_TYPE_PDP_UNKNOWN_V01;
+        case kIpV4:
+            return WDS_COMMON_PDP_TYPE_PDP_IPV4_V01;
+        case kIpV6:
+            return WDS_COMMON_PDP_TYPE_PDP_IPV6_V01;
+        case kIpV4V6:
+            return WDS_COMMON_PDP_TYPE_PDP_IPV4V6_V01;
+        default:
+            return WDS_COMMON_PDP_TYPE_PDP_UNKNOWN_V01;
     }
 }
 

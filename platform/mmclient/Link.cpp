@@ -256,8 +256,8 @@ bool Link::waitForRegistered(size_t count, milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     kiv::MutexLock lock(mLock);
     return lock.waitUntil(mChanged, deadline, [&]() REQUIRES(mLock) {
-        return static_cast<size_t>(std::count_if(
-                       mClients.begin(), mClients.end(), [](const auto& c) {
+        return static_cast<size_t>(
+                       std::count_if(mClients.begin(), mClients.end(), [](const auto& c) {
                            return c.second.registered && !c.second.lost && !c.second.released;
                        })) >= count;
     });
@@ -270,8 +270,7 @@ bool Link::sync(milliseconds timeout) {
     startLocked();
     const uint64_t asked = ++mSyncAsked;
     wake();
-    return lock.waitUntil(mChanged, deadline,
-                          [&]() REQUIRES(mLock) { return mSyncDone >= asked; });
+    return lock.waitUntil(mChanged, deadline, [&]() REQUIRES(mLock) { return mSyncDone >= asked; });
 }
 
 // --- The event thread.
@@ -375,7 +374,8 @@ void Link::run() {
         }
 
         // Sleeps until the bus, a wake-up, the next poll or a reconnection.
-        auto until = settings.pollInterval.count() > 0 ? nextPoll : Clock::now() + std::chrono::hours(1);
+        auto until =
+                settings.pollInterval.count() > 0 ? nextPoll : Clock::now() + std::chrono::hours(1);
         if (!mSignals.isOpen()) until = std::min(until, reconnectAt);
         pollfd fds[2] = {{mWake.get(), POLLIN, 0}, {-1, 0, 0}};
         if (mSignals.isOpen()) {
@@ -387,8 +387,8 @@ void Link::run() {
                 clock_gettime(CLOCK_MONOTONIC, &now);
                 const uint64_t nowUsec = static_cast<uint64_t>(now.tv_sec) * 1000000 +
                                          static_cast<uint64_t>(now.tv_nsec) / 1000;
-                const auto left = std::chrono::microseconds(
-                        busTimeout > nowUsec ? busTimeout - nowUsec : 0);
+                const auto left =
+                        std::chrono::microseconds(busTimeout > nowUsec ? busTimeout - nowUsec : 0);
                 until = std::min(until, Clock::now() + left);
             }
         }
@@ -435,8 +435,7 @@ void Link::rescan() {
         return;
     }
     if (!chosen) {
-        downLocked(wanted.empty() ? "no modem " + std::to_string(instance)
-                                  : "no modem " + wanted);
+        downLocked(wanted.empty() ? "no modem " + std::to_string(instance) : "no modem " + wanted);
         return;
     }
     if (chosen->state < mm::kStateEnabled) {

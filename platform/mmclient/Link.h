@@ -47,15 +47,15 @@ namespace xalmm {
 
 // Error codes in a failure response of this client.
 enum ResponseError : uint32_t {
-    kErrMalformed = 0x01,          // the modem manager found the request invalid
-    kErrNoFreeProfile = 0x02,      // no room for another profile
-    kErrInvalidProfile = 0x03,     // no such profile
-    kErrInvalidProfileType = 0x04, // 3GPP2: the modem manager has no such profiles
-    kErrNotHeld = 0x10,            // a value the modem cannot hold; nothing changed
-    kErrInUse = 0x11,              // a connected bearer uses the profile
-    kErrNotEnabled = 0x12,         // the modem is not enabled
-    kErrRefused = 0x13,            // any other error of the modem manager (logged)
-    kErrRecord = 0x14,             // the record of temporary profiles could not be written
+    kErrMalformed = 0x01,           // the modem manager found the request invalid
+    kErrNoFreeProfile = 0x02,       // no room for another profile
+    kErrInvalidProfile = 0x03,      // no such profile
+    kErrInvalidProfileType = 0x04,  // 3GPP2: the modem manager has no such profiles
+    kErrNotHeld = 0x10,             // a value the modem cannot hold; nothing changed
+    kErrInUse = 0x11,               // a connected bearer uses the profile
+    kErrNotEnabled = 0x12,          // the modem is not enabled
+    kErrRefused = 0x13,             // any other error of the modem manager (logged)
+    kErrRecord = 0x14,              // the record of temporary profiles could not be written
 };
 
 struct Settings {
@@ -97,8 +97,8 @@ class Link {
     xal_client_error_type registerNotify(xal_client_type handle, xal_client_notify_cb callback,
                                          void* data) EXCLUDES(mLock);
     xal_client_error_type probe() EXCLUDES(mLock);
-    xal_client_error_type newClient(xal_client_ind_cb callback, void* data,
-                                    xal_client_type* handle) EXCLUDES(mLock);
+    xal_client_error_type newClient(xal_client_ind_cb callback, void* data, xal_client_type* handle)
+            EXCLUDES(mLock);
     xal_client_error_type registerError(xal_client_type handle, xal_client_error_cb callback,
                                         void* data) EXCLUDES(mLock);
     bool isLive(xal_client_type handle) EXCLUDES(mLock);
@@ -122,11 +122,11 @@ class Link {
     struct Client {
         bool notifier = false;
         bool released = false;
-        bool lost = false;          // the service went down while it was open
-        bool errorOwed = false;     // lost before it had an error callback
-        bool events = false;        // registered for profile-changed indications
-        bool registered = false;    // its event-list request was answered
-        bool returning = false;     // made after the service was lost
+        bool lost = false;        // the service went down while it was open
+        bool errorOwed = false;   // lost before it had an error callback
+        bool events = false;      // registered for profile-changed indications
+        bool registered = false;  // its event-list request was answered
+        bool returning = false;   // made after the service was lost
         xal_client_ind_cb indication = nullptr;
         void* indicationData = nullptr;
         xal_client_error_cb error = nullptr;
@@ -182,8 +182,8 @@ class Link {
                                       std::chrono::milliseconds timeout) EXCLUDES(mLock);
     // The modem's profiles by index (cleared slots left out), or the
     // client's result of a failed List with the response filled.
-    xal_client_error_type listTable(Table& table, void* response,
-                                    std::chrono::milliseconds timeout) REQUIRES(mCallLock);
+    xal_client_error_type listTable(Table& table, void* response, std::chrono::milliseconds timeout)
+            REQUIRES(mCallLock);
     // A failed call as the client's result: a time-out, the service gone,
     // or a failure response naming the modem manager's error.
     xal_client_error_type failedCall(const char* what, const CallError& error, void* response)

@@ -15,9 +15,9 @@ namespace {
 
 bool isGoneError(const std::string& name) {
     static const char* const kGone[] = {
-            SD_BUS_ERROR_SERVICE_UNKNOWN,   SD_BUS_ERROR_NAME_HAS_NO_OWNER,
-            SD_BUS_ERROR_UNKNOWN_OBJECT,    SD_BUS_ERROR_UNKNOWN_INTERFACE,
-            SD_BUS_ERROR_UNKNOWN_METHOD,    SD_BUS_ERROR_DISCONNECTED,
+            SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER,
+            SD_BUS_ERROR_UNKNOWN_OBJECT,  SD_BUS_ERROR_UNKNOWN_INTERFACE,
+            SD_BUS_ERROR_UNKNOWN_METHOD,  SD_BUS_ERROR_DISCONNECTED,
     };
     for (const char* gone : kGone) {
         if (name == gone) return true;
@@ -86,8 +86,8 @@ int readObject(sd_bus_message* m, std::vector<ModemObject>& modems) {
 }
 
 CallError malformed(const char* what, int r) {
-    return {CallError::kRefused, "", std::string("malformed answer to ") + what + ": " +
-                                             strerror(-r)};
+    return {CallError::kRefused, "",
+            std::string("malformed answer to ") + what + ": " + strerror(-r)};
 }
 
 }  // namespace
@@ -127,9 +127,8 @@ void ManagerBus::close() {
 sd_bus_message* ManagerBus::newCall(const std::string& path, const char* interface,
                                     const char* member) {
     sd_bus_message* m = nullptr;
-    if (mBus == nullptr ||
-        sd_bus_message_new_method_call(mBus, &m, mm::kBusName, path.c_str(), interface, member) <
-                0) {
+    if (mBus == nullptr || sd_bus_message_new_method_call(mBus, &m, mm::kBusName, path.c_str(),
+                                                          interface, member) < 0) {
         return nullptr;
     }
     return m;
@@ -166,9 +165,9 @@ CallError ManagerBus::call(sd_bus_message* m, Timeout timeout, sd_bus_message** 
 
 CallError ManagerBus::modems(std::vector<ModemObject>& modems, Timeout timeout) {
     sd_bus_message* reply = nullptr;
-    CallError result = call(newCall(mm::kManagerPath, mm::kObjectManagerInterface,
-                                    "GetManagedObjects"),
-                            timeout, &reply);
+    CallError result =
+            call(newCall(mm::kManagerPath, mm::kObjectManagerInterface, "GetManagedObjects"),
+                 timeout, &reply);
     if (!result.ok()) return result;
     int r = sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "{oa{sa{sv}}}");
     while (r >= 0 &&

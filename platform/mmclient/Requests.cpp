@@ -120,7 +120,7 @@ xal_client_error_type Link::send(xal_client_type handle, unsigned int msgId, con
                     client->returning = false;
                     mReturning = false;
                     wds_profile_changed_ind_type_v01 ready{WDS_PROFILE_TYPE_ALL_V01, 0xFF,
-                                                          WDS_PROFILE_EVENT_PROFILE_READY_V01};
+                                                           WDS_PROFILE_EVENT_PROFILE_READY_V01};
                     queueLocked(idOf(handle), Delivery::kIndication,
                                 XAL_WDS_PROFILE_CHANGED_IND_V01,
                                 wire::encodeProfileChanged(&ready));
@@ -146,11 +146,16 @@ xal_client_error_type Link::send(xal_client_type handle, unsigned int msgId, con
     }
     const milliseconds timeout(timeoutMs > 0 ? timeoutMs : 1);
     switch (msgId) {
-        case XAL_WDS_GET_PROFILE_LIST_REQ_V01: return serveList(request, response, timeout);
-        case XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01: return serveSettings(request, response, timeout);
-        case XAL_WDS_CREATE_PROFILE_REQ_V01: return serveCreate(request, response, timeout);
-        case XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01: return serveModify(request, response, timeout);
-        default: return serveDelete(request, response, timeout);
+        case XAL_WDS_GET_PROFILE_LIST_REQ_V01:
+            return serveList(request, response, timeout);
+        case XAL_WDS_GET_PROFILE_SETTINGS_REQ_V01:
+            return serveSettings(request, response, timeout);
+        case XAL_WDS_CREATE_PROFILE_REQ_V01:
+            return serveCreate(request, response, timeout);
+        case XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01:
+            return serveModify(request, response, timeout);
+        default:
+            return serveDelete(request, response, timeout);
     }
 }
 
@@ -171,8 +176,10 @@ xal_client_error_type Link::failedCall(const char* what, const CallError& error,
                                            error.describe() + ")");
             return XAL_TIMEOUT_ERR;
         case CallError::kGone: {
-            log(ANDROID_LOG_ERROR, std::string("xalmm: ") + what + " failed: the modem manager "
-                                   "or the modem is gone (" + error.describe() + ")");
+            log(ANDROID_LOG_ERROR, std::string("xalmm: ") + what +
+                                           " failed: the modem manager "
+                                           "or the modem is gone (" +
+                                           error.describe() + ")");
             kiv::MutexLock lock(mLock);
             mNeedRescan = true;
             wake();
@@ -280,8 +287,7 @@ xal_client_error_type Link::serveSettings(const void* request, void* response,
     return XAL_NO_ERR;
 }
 
-xal_client_error_type Link::serveCreate(const void* request, void* response,
-                                        milliseconds timeout) {
+xal_client_error_type Link::serveCreate(const void* request, void* response, milliseconds timeout) {
     const auto r = readRecord<wds_create_profile_req_msg_v01>(request);
     if (r.profile_type != WDS_PROFILE_TYPE_3GPP_V01) {
         return refuse(response, kErrInvalidProfileType,
@@ -305,8 +311,9 @@ xal_client_error_type Link::serveCreate(const void* request, void* response,
     if (!error.ok()) return failedCall("create (Set)", error, response);
     const auto index = mm::profileIndex(stored);
     if (!index || *index < 1 || *index > 255) {
-        return refuse(response, kErrRefused, "create: the modem manager stored the profile "
-                                             "without an index this client can use");
+        return refuse(response, kErrRefused,
+                      "create: the modem manager stored the profile "
+                      "without an index this client can use");
     }
     // What the modem did not keep fails the request, and the profile goes.
     auto notHeld = mm::firstNotHeld(*requested, stored);
@@ -349,8 +356,7 @@ xal_client_error_type Link::serveCreate(const void* request, void* response,
     return XAL_NO_ERR;
 }
 
-xal_client_error_type Link::serveModify(const void* request, void* response,
-                                        milliseconds timeout) {
+xal_client_error_type Link::serveModify(const void* request, void* response, milliseconds timeout) {
     const auto r = readRecord<wds_modify_profile_settings_req_msg_v01>(request);
     if (r.profile.profile_type != WDS_PROFILE_TYPE_3GPP_V01) {
         return refuse(response, kErrInvalidProfileType,
@@ -363,8 +369,7 @@ xal_client_error_type Link::serveModify(const void* request, void* response,
     kiv::MutexLock calls(mCallLock);
     Table table;
     xal_client_error_type result = listTable(table, response, timeout);
-    if (result != XAL_NO_ERR ||
-        static_cast<xal_response_type_v01*>(response)->result != 0) {
+    if (result != XAL_NO_ERR || static_cast<xal_response_type_v01*>(response)->result != 0) {
         return result;
     }
     auto current = table.find(index);
@@ -409,10 +414,10 @@ xal_client_error_type Link::serveModify(const void* request, void* response,
             log(ANDROID_LOG_ERROR, "xalmm: modify: profile " + std::to_string(index) +
                                            " could not be written back: " + undone.describe());
         }
-        return refuse(response, notHeld ? kErrNotHeld : kErrRecord,
-                      "modify: " +
-                              (notHeld ? "the modem did not keep " + quote(*notHeld) : recordError) +
-                              " (profile " + std::to_string(index) + " written back)");
+        return refuse(
+                response, notHeld ? kErrNotHeld : kErrRecord,
+                "modify: " + (notHeld ? "the modem did not keep " + quote(*notHeld) : recordError) +
+                        " (profile " + std::to_string(index) + " written back)");
     }
     kiv::MutexLock lock(mLock);
     mTable[index] = stored;
@@ -421,8 +426,7 @@ xal_client_error_type Link::serveModify(const void* request, void* response,
     return XAL_NO_ERR;
 }
 
-xal_client_error_type Link::serveDelete(const void* request, void* response,
-                                        milliseconds timeout) {
+xal_client_error_type Link::serveDelete(const void* request, void* response, milliseconds timeout) {
     const auto r = readRecord<wds_delete_profile_req_msg_v01>(request);
     if (r.profile.profile_type != WDS_PROFILE_TYPE_3GPP_V01) {
         return refuse(response, kErrInvalidProfileType,

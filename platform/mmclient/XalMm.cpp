@@ -109,9 +109,9 @@ xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsi
                                                unsigned int timeout_msecs) {
     Link& link = Link::instance();
     if (!link.isLive(user_handle)) return XAL_CLIENT_INVALID_CLNT;
-    if (auto refused = wire::checkSend(req_c_struct, req_c_struct_len, resp_c_struct,
-                                       resp_c_struct_len, sizeof(wds_create_profile_req_msg_v01) +
-                                                                  sizeof(uint64_t))) {
+    if (auto refused =
+                wire::checkSend(req_c_struct, req_c_struct_len, resp_c_struct, resp_c_struct_len,
+                                sizeof(wds_create_profile_req_msg_v01) + sizeof(uint64_t))) {
         return refused;
     }
     return link.send(user_handle, msg_id, req_c_struct, req_c_struct_len, resp_c_struct,

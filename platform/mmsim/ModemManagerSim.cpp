@@ -131,6 +131,7 @@ Result<void> ModemManagerSim::start(const std::string& address) {
             SD_BUS_METHOD("Delete", "uib", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_METHOD("SetConnected", "uib", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_METHOD("FailNext", "sus", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("DelayNext", "suu", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_VTABLE_END,
     };
     r = sd_bus_add_object_vtable(mControlBus, nullptr, kControlPath, kControlInterface, kControl,
@@ -214,8 +215,7 @@ int ModemManagerSim::exportModem(Modem& modem) {
             SD_BUS_PROPERTY("Manufacturer", "s", propertyGet, 0, SD_BUS_VTABLE_PROPERTY_CONST),
             SD_BUS_PROPERTY("Model", "s", propertyGet, 0, SD_BUS_VTABLE_PROPERTY_CONST),
             SD_BUS_PROPERTY("Revision", "s", propertyGet, 0, SD_BUS_VTABLE_PROPERTY_CONST),
-            SD_BUS_PROPERTY("DeviceIdentifier", "s", propertyGet, 0,
-                            SD_BUS_VTABLE_PROPERTY_CONST),
+            SD_BUS_PROPERTY("DeviceIdentifier", "s", propertyGet, 0, SD_BUS_VTABLE_PROPERTY_CONST),
             SD_BUS_PROPERTY("Device", "s", propertyGet, 0, SD_BUS_VTABLE_PROPERTY_CONST),
             SD_BUS_PROPERTY("Plugin", "s", propertyGet, 0, SD_BUS_VTABLE_PROPERTY_CONST),
             SD_BUS_PROPERTY("PrimaryPort", "s", propertyGet, 0, SD_BUS_VTABLE_PROPERTY_CONST),
@@ -226,9 +226,8 @@ int ModemManagerSim::exportModem(Modem& modem) {
     };
     static const sd_bus_vtable kModem3gpp[] = {
             SD_BUS_VTABLE_START(0),
-            SD_BUS_METHOD_WITH_NAMES("SetInitialEpsBearerSettings", "a{sv}",
-                                     SD_BUS_PARAM(settings), "", , methodSetInitialEps,
-                                     SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD_WITH_NAMES("SetInitialEpsBearerSettings", "a{sv}", SD_BUS_PARAM(settings),
+                                     "", , methodSetInitialEps, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_PROPERTY("Imei", "s", propertyGet, 0, SD_BUS_VTABLE_PROPERTY_CONST),
             SD_BUS_PROPERTY("InitialEpsBearerSettings", "a{sv}", propertyGet, 0,
                             SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
@@ -298,8 +297,8 @@ void ModemManagerSim::setState(Modem& modem, int32_t state) {
     const int32_t old = modem.state;
     modem.state = state;
     if (mManagerBus == nullptr || old == state) return;
-    sd_bus_emit_properties_changed(mManagerBus, modem.path().c_str(), mm::kModemInterface,
-                                   "State", nullptr);
+    sd_bus_emit_properties_changed(mManagerBus, modem.path().c_str(), mm::kModemInterface, "State",
+                                   nullptr);
     sd_bus_emit_signal(mManagerBus, modem.path().c_str(), mm::kModemInterface, "StateChanged",
                        "iiu", old, state, 0u);
 }
@@ -319,17 +318,22 @@ void ModemManagerSim::stop() {
 // --- The profile manager.
 
 int ModemManagerSim::reply(sd_bus_message* call, sd_bus_message* answer) {
-    if (mOptions.replyDelay.count() == 0) {
+    uint64_t delayMs = static_cast<uint64_t>(mOptions.replyDelay.count());
+    const char* member = sd_bus_message_get_member(call);
+    auto delayed = mDelays.find(member == nullptr ? "" : member);
+    if (delayed != mDelays.end() && !delayed->second.empty()) {
+        delayMs = delayed->second.front();
+        delayed->second.pop_front();
+    }
+    if (delayMs == 0) {
         const int r = sd_bus_send(nullptr, answer, nullptr);
         sd_bus_message_unref(answer);
         return r < 0 ? r : 1;
     }
-    (void)call;
     auto* held = new Call{this, answer};
-    const uint64_t due = nowUsec(mEvent) + static_cast<uint64_t>(mOptions.replyDelay.count()) *
-                                                   kUsecPerMs;
-    if (sd_event_add_time(mEvent, &held->source, CLOCK_MONOTONIC, due, 0, onDelayedReply,
-                          held) < 0) {
+    const uint64_t due = nowUsec(mEvent) + delayMs * kUsecPerMs;
+    if (sd_event_add_time(mEvent, &held->source, CLOCK_MONOTONIC, due, 0, onDelayedReply, held) <
+        0) {
         sd_bus_message_unref(answer);
         delete held;
         return -ENOMEM;
@@ -370,8 +374,7 @@ bool ModemManagerSim::injectedFailure(sd_bus_message* call, const std::string& m
     return true;
 }
 
-ModemManagerSim::Modem* ModemManagerSim::ready(sd_bus_message* m, void* data,
-                                               const char* method) {
+ModemManagerSim::Modem* ModemManagerSim::ready(sd_bus_message* m, void* data, const char* method) {
     auto* modem = static_cast<Modem*>(data);
     ModemManagerSim& sim = *modem->sim;
     if (sim.injectedFailure(m, method)) return nullptr;
@@ -407,7 +410,8 @@ int ModemManagerSim::methodSet(sd_bus_message* m, void* data, sd_bus_error*) {
     std::vector<std::string> skipped;
     int r = mm::readDict(m, requested, &skipped);
     if (r < 0) return r;
-    if (!skipped.empty()) return sim.refuse(m, kInvalidArgs, "Invalid value of '" + skipped[0] + "'");
+    if (!skipped.empty())
+        return sim.refuse(m, kInvalidArgs, "Invalid value of '" + skipped[0] + "'");
     auto stored = modem->profiles->set(requested);
     if (!stored.ok()) return sim.refuse(m, stored.error().code(), stored.error().message());
     sd_bus_message* answer = nullptr;
@@ -583,6 +587,15 @@ int ModemManagerSim::controlCall(sd_bus_message* m, const std::string& member) {
         for (uint32_t i = 0; i < count && i < 1000; ++i) mFailures[method].push_back(name);
         return sd_bus_reply_method_return(m, "");
     }
+    if (member == "DelayNext") {
+        const char* method = nullptr;
+        uint32_t count = 0;
+        uint32_t delayMs = 0;
+        int r = sd_bus_message_read(m, "suu", &method, &count, &delayMs);
+        if (r < 0) return r;
+        for (uint32_t i = 0; i < count && i < 1000; ++i) mDelays[method].push_back(delayMs);
+        return sd_bus_reply_method_return(m, "");
+    }
     uint32_t n = 0;
     int r = sd_bus_message_read_basic(m, 'u', &n);
     if (r < 0) return r;
@@ -617,8 +630,7 @@ int ModemManagerSim::controlCall(sd_bus_message* m, const std::string& member) {
         auto stored = modem->profiles->set(profile);
         if (!stored.ok()) return refuse(m, stored.error().code(), stored.error().message());
         if (stored->changed && announced) changed(*modem, /*ownWrite=*/false);
-        return sd_bus_reply_method_return(m, "i",
-                                          mm::profileIndex(stored->profile).value_or(-1));
+        return sd_bus_reply_method_return(m, "i", mm::profileIndex(stored->profile).value_or(-1));
     }
     if (member == "Delete") {
         int32_t index = 0;

@@ -21,8 +21,8 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <set>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -117,6 +117,8 @@ class ModemManagerSim {
     uint32_t mNextSimNumber = 0;
     // Method name -> D-Bus errors for its next calls.
     std::map<std::string, std::deque<std::string>> mFailures;
+    // Method name -> delays (ms) of its next answers.
+    std::map<std::string, std::deque<uint64_t>> mDelays;
     std::set<Call*> mCalls;  // answers held back
     std::string mAddress;
     int mStopFd = -1;

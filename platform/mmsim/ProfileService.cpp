@@ -69,14 +69,22 @@ Result<void> checkWritable(const mm::ProfileDict& dict) {
 
 const char* errorName(int kind) {
     switch (kind) {
-        case kInvalidArgs: return mm::kErrorInvalidArgs;
-        case kNotFound: return mm::kErrorNotFound;
-        case kConnected: return mm::kErrorConnected;
-        case kWrongState: return mm::kErrorWrongState;
-        case kUnsupported: return mm::kErrorUnsupported;
-        case kThrottled: return mm::kErrorThrottled;
-        case kUnauthorized: return mm::kErrorUnauthorized;
-        default: return mm::kErrorFailed;
+        case kInvalidArgs:
+            return mm::kErrorInvalidArgs;
+        case kNotFound:
+            return mm::kErrorNotFound;
+        case kConnected:
+            return mm::kErrorConnected;
+        case kWrongState:
+            return mm::kErrorWrongState;
+        case kUnsupported:
+            return mm::kErrorUnsupported;
+        case kThrottled:
+            return mm::kErrorThrottled;
+        case kUnauthorized:
+            return mm::kErrorUnauthorized;
+        default:
+            return mm::kErrorFailed;
     }
 }
 
@@ -86,8 +94,8 @@ mm::ProfileDict ProfileService::listed(uint8_t index, const mm::Settings& settin
             settings, index, extra == mExtra.end() ? mm::ProfileDict() : extra->second);
     if (mBehaviour == Behaviour::kAtModem) {
         for (auto it = dict.begin(); it != dict.end();) {
-            const bool kept = it->first == mm::kProfileIdKey || it->first == "apn" ||
-                              it->first == "ip-type";
+            const bool kept =
+                    it->first == mm::kProfileIdKey || it->first == "apn" || it->first == "ip-type";
             it = kept ? std::next(it) : dict.erase(it);
         }
     }
@@ -129,10 +137,10 @@ Result<ProfileService::Stored> ProfileService::set(const mm::ProfileDict& reques
     const auto index = mm::profileIndex(requested);
     mm::ProfileDict extra;
     if (index && *index != -1) {
-        const auto current = *index >= 1 && *index <= 255
-                                     ? mModem.getProfile(WDS_PROFILE_TYPE_3GPP_V01,
-                                                         static_cast<uint8_t>(*index))
-                                     : std::nullopt;
+        const auto current =
+                *index >= 1 && *index <= 255
+                        ? mModem.getProfile(WDS_PROFILE_TYPE_3GPP_V01, static_cast<uint8_t>(*index))
+                        : std::nullopt;
         if (!current) return refusal(kNotFound, Text() << "Profile '" << *index << "' not found");
         const auto slot = static_cast<uint8_t>(*index);
         mm::Settings updated = mm::applyDict(*current, requested, extra);
@@ -190,7 +198,8 @@ Result<bool> ProfileService::remove(const mm::ProfileDict& properties) {
                     : std::nullopt;
     if (!current) return refusal(kNotFound, Text() << "Profile '" << *index << "' not found");
     if (mConnected.count(*index) != 0) {
-        return refusal(kConnected, Text() << "Profile '" << *index << "' is in use by a connected bearer");
+        return refusal(kConnected,
+                       Text() << "Profile '" << *index << "' is in use by a connected bearer");
     }
     const auto slot = static_cast<uint8_t>(*index);
     if (mDeleteClearsSlot) {

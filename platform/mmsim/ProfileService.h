@@ -17,9 +17,9 @@
 namespace mmsim {
 
 enum class Behaviour {
-    kV120,      // Updated for every change, the client's own included
-    kV124,      // Updated held back around its own writes, at most one per 2 s
-    kAtModem,   // no Updated; a profile keeps only its APN and IP type
+    kV120,     // Updated for every change, the client's own included
+    kV124,     // Updated held back around its own writes, at most one per 2 s
+    kAtModem,  // no Updated; a profile keeps only its APN and IP type
 };
 
 // The kind of a refusal, as the error's code; ModemManagerSim names it.

@@ -87,8 +87,8 @@ class ModemManagerFixture : public testing::Test {
     // A call to the simulated modem manager's control object.
     void control(const std::string& method, std::vector<std::string> args = {}) {
         std::vector<std::string> call = {"call", "org.kivr.ModemManagerSim",
-                                         "/org/kivr/ModemManagerSim",
-                                         "org.kivr.ModemManagerSim", method};
+                                         "/org/kivr/ModemManagerSim", "org.kivr.ModemManagerSim",
+                                         method};
         call.insert(call.end(), args.begin(), args.end());
         const auto result = busctl(call);
         ASSERT_EQ(result.status, 0) << method << ": " << result.err;

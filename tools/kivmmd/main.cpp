@@ -78,10 +78,10 @@ std::optional<mmsim::Behaviour> behaviourNamed(const std::string& name) {
 
 int main(int argc, char** argv) {
     const std::vector<kivctl::KnownOption> known = {
-            {"--bus", "ADDRESS", ""},      {"--state", "FILE", ""},
-            {"--behaviour", "NAME", ""},   {"--delete-clears-slot", nullptr, ""},
-            {"--reply-delay", "MS", ""},   {"--modems", "N", ""},
-            {"--capacity", "N", ""},       {"--help", nullptr, ""},
+            {"--bus", "ADDRESS", ""},    {"--state", "FILE", ""},
+            {"--behaviour", "NAME", ""}, {"--delete-clears-slot", nullptr, ""},
+            {"--reply-delay", "MS", ""}, {"--modems", "N", ""},
+            {"--capacity", "N", ""},     {"--help", nullptr, ""},
             {"--version", nullptr, ""}};
     const auto args =
             kivctl::Arguments::read(std::vector<std::string>(argv + 1, argv + argc), known);
@@ -155,9 +155,10 @@ int main(int argc, char** argv) {
         });
     }
     for (int n = state ? 1 : 0; n < options.modems; ++n) {
-        auto loaded = sim.modem(static_cast<size_t>(n))
-                              .replaceTable(sim.modem(static_cast<size_t>(n))
-                                                    .fitting(xalsim::factoryTable()));
+        auto loaded =
+                sim.modem(static_cast<size_t>(n))
+                        .replaceTable(
+                                sim.modem(static_cast<size_t>(n)).fitting(xalsim::factoryTable()));
         if (!loaded.ok()) return fail(kFailed, loaded.error().message());
     }
     const std::string bus = args->value("--bus").value_or("");

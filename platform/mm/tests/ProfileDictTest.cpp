@@ -55,17 +55,27 @@ TEST(ProfileDictTest, ValuesWithoutAKeyAreRefusedByName) {
         const char* field;
         void (*set)(Settings&);
     } kCases[] = {
-            {"max_pdn_conn_timer", [](Settings& s) { s.max_pdn_conn_timer_valid = 1, s.max_pdn_conn_timer = 60; }},
-            {"pdn_req_wait_interval", [](Settings& s) { s.pdn_req_wait_interval_valid = 1, s.pdn_req_wait_interval = 5; }},
+            {"max_pdn_conn_timer",
+             [](Settings& s) { s.max_pdn_conn_timer_valid = 1, s.max_pdn_conn_timer = 60; }},
+            {"pdn_req_wait_interval",
+             [](Settings& s) { s.pdn_req_wait_interval_valid = 1, s.pdn_req_wait_interval = 5; }},
             {"apn_class", [](Settings& s) { s.apn_class_valid = 1, s.apn_class = 2; }},
             {"clat_enabled", [](Settings& s) { s.clat_enabled_valid = 1, s.clat_enabled = 1; }},
-            {"pdn_level_auth_protocol", [](Settings& s) { s.pdn_level_auth_protocol_valid = 1, s.pdn_level_auth_protocol = WDS_PROFILE_AUTH_PROTOCOL_PAP_V01; }},
-            {"lte_roaming_pdp_type", [](Settings& s) {
-                 s.pdp_type_valid = 1, s.pdp_type = WDS_PDP_TYPE_PDP_IPV4_V01;
-                 s.lte_roaming_pdp_type_valid = 1, s.lte_roaming_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV6_V01;
+            {"pdn_level_auth_protocol",
+             [](Settings& s) {
+                 s.pdn_level_auth_protocol_valid = 1,
+                 s.pdn_level_auth_protocol = WDS_PROFILE_AUTH_PROTOCOL_PAP_V01;
              }},
-            {"apn_type_mask (supl)", [](Settings& s) { s.apn_type_mask_valid = 1, s.apn_type_mask = 0x1 | 0x10; }},
-            {"pdp_type", [](Settings& s) { s.pdp_type_valid = 1, s.pdp_type = WDS_PDP_TYPE_PDP_PPP_V01; }},
+            {"lte_roaming_pdp_type",
+             [](Settings& s) {
+                 s.pdp_type_valid = 1, s.pdp_type = WDS_PDP_TYPE_PDP_IPV4_V01;
+                 s.lte_roaming_pdp_type_valid = 1,
+                 s.lte_roaming_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV6_V01;
+             }},
+            {"apn_type_mask (supl)",
+             [](Settings& s) { s.apn_type_mask_valid = 1, s.apn_type_mask = 0x1 | 0x10; }},
+            {"pdp_type",
+             [](Settings& s) { s.pdp_type_valid = 1, s.pdp_type = WDS_PDP_TYPE_PDP_PPP_V01; }},
     };
     for (const auto& c : kCases) {
         Settings request = {};
@@ -80,7 +90,8 @@ TEST(ProfileDictTest, ValuesWithoutAKeyAreRefusedByName) {
     neutral.pdp_type_valid = 1;
     neutral.pdp_type = WDS_PDP_TYPE_PDP_IPV4V6_V01;
     neutral.lte_roaming_pdp_type_valid = neutral.umts_roaming_pdp_type_valid = 1;
-    neutral.lte_roaming_pdp_type = neutral.umts_roaming_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV4V6_V01;
+    neutral.lte_roaming_pdp_type = neutral.umts_roaming_pdp_type =
+            WDS_COMMON_PDP_TYPE_PDP_IPV4V6_V01;
     neutral.override_home_pdp_type_valid = 1;
     neutral.override_home_pdp_type = WDS_COMMON_PDP_TYPE_PDP_UNKNOWN_V01;
     neutral.max_pdn_conn_timer_valid = neutral.clat_enabled_valid = neutral.apn_class_valid = 1;
@@ -96,9 +107,10 @@ TEST(ProfileDictTest, SimulatedSideReplacesWhatTheInterfaceKnows) {
     stored.max_pdn_conn_timer_valid = 1;
     stored.max_pdn_conn_timer = 30;
     ProfileDict extra;
-    const Settings updated = applyDict(stored, {{"apn", std::string("b")}, {"apn-type", kApnDefault | 512u}}, extra);
+    const Settings updated =
+            applyDict(stored, {{"apn", std::string("b")}, {"apn-type", kApnDefault | 512u}}, extra);
     EXPECT_STREQ(updated.apn_name, "b");
-    EXPECT_EQ(updated.username_valid, 0);  // a key left out is cleared
+    EXPECT_EQ(updated.username_valid, 0);       // a key left out is cleared
     EXPECT_EQ(updated.max_pdn_conn_timer, 30);  // what the interface has no key for stays
     const ProfileDict listed = dictFromSettings(updated, 7, extra);
     EXPECT_EQ(std::get<uint32_t>(listed.at("apn-type")), kApnDefault | 512u);
