@@ -16,6 +16,8 @@ namespace {
 
 using namespace test;
 
+// The first simulated modem's equipment identifier.
+const char* const kModem = "356938035643800";
 const std::string kCacheUpdate = "ProfileCache: updating cache due to indication!";
 
 class ModemManagerTest : public ModemManagerFixture {};
@@ -108,7 +110,7 @@ TEST_P(EachBehaviour, IndependentClientsChangesArriveAsForeignChanges) {
 
     // Behind the daemon's back: no modem manager announces it.
     control("Change",
-            {"ua{sv}b", "0", "2", "apn", "s", "behind.back", "ip-type", "u", "4", "false"});
+            {"sa{sv}b", kModem, "2", "apn", "s", "behind.back", "ip-type", "u", "4", "false"});
     xalmm::setPollInterval(100ms);
     EXPECT_TRUE(eventually([] { return byApn("behind.back").size() == 1; })) << clientLogText();
 
@@ -201,20 +203,20 @@ TEST_F(ModemManagerTest, DaemonModemAndSimComingAndGoingEachFollowedByAReread) {
              [&] { control("DaemonBack"); }},
             {"the modem is re-exported",
              [&] {
-                 control("Reexport", {"u", "0"});
+                 control("Reexport", {"s", kModem});
              },
              nullptr},
             {"the SIM is swapped",
              [&] {
-                 control("SwapSim", {"us", "0", "8900100000000000999"});
+                 control("SwapSim", {"ss", kModem, "8900100000000000999"});
              },
              nullptr},
             {"the modem is disabled",
              [&] {
-                 control("SetState", {"ui", "0", "3"});
+                 control("SetState", {"si", kModem, "3"});
              },
              [&] {
-                 control("SetState", {"ui", "0", "8"});
+                 control("SetState", {"si", kModem, "8"});
              }},
     };
     size_t downs = 0;
@@ -261,7 +263,7 @@ TEST_F(ModemManagerTest, TwoModemsChosenByIdentifierOrByInstance) {
             busctl({"call", "org.freedesktop.ModemManager1", modem->path, kProfileManager, "List"});
     EXPECT_NE(second.out.find("on.the.second"), std::string::npos);
     // Re-exported, it is found again by its identifier, not its path.
-    control("Reexport", {"u", "1"});
+    control("Reexport", {"s", "kivr-sim-modem-1"});
     ASSERT_TRUE(eventually([&] {
         auto now = xalmm::currentModem();
         return now && now->path != modem->path && now->deviceId == "kivr-sim-modem-1";
@@ -308,7 +310,7 @@ TEST_F(ModemManagerTest, RefusalsAndValuesTheModemCannotHoldFailWithTheirReason)
     EXPECT_EQ(clientLogged("modify: the modem cannot hold pdn_req_wait_interval"), 1u);
 
     // The modem's own refusals: a profile in use, a full table.
-    control("SetConnected", {"uib", "0", std::to_string(key->getProfileId()), "true"});
+    control("SetConnected", {"sib", kModem, std::to_string(key->getProfileId()), "true"});
     EXPECT_FALSE(Manager::getInstance().deleteProfile(key));
     EXPECT_EQ(clientLogged("Error.Core.Connected"), 1u) << clientLogText();
     EXPECT_TRUE(add("fifth", true));

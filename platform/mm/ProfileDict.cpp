@@ -126,6 +126,19 @@ wds_common_pdp_type_enum_v01 commonOfIpType(uint32_t ipType) {
     }
 }
 
+std::string ipTypeName(std::optional<uint32_t> ipType) {
+    switch (ipType.value_or(0)) {
+        case kIpV4:
+            return "IPv4";
+        case kIpV6:
+            return "IPv6";
+        case kIpV4V6:
+            return "IPv4v6";
+        default:
+            return "none";
+    }
+}
+
 uint32_t authOfPreference(uint8_t preference) {
     uint32_t auth = 0;
     if (preference & 0x1) auth |= kAuthPap;
@@ -258,7 +271,8 @@ Result<ProfileDict> mergeRequest(const Settings& r, const ProfileDict& stored) {
     const auto checkRoaming = [&](uint8_t valid, uint32_t type, const char* field) -> Result<void> {
         if (!valid || type == WDS_COMMON_PDP_TYPE_PDP_UNKNOWN_V01) return {};
         if (home && ipTypeOfCommon(type) == home) return {};
-        return Error() << field << " (" << type << ", unlike the home IP type)";
+        return Error() << field << " (" << ipTypeName(ipTypeOfCommon(type))
+                       << ", unlike the home IP type " << ipTypeName(home) << ")";
     };
     if (auto ok = checkRoaming(r.lte_roaming_pdp_type_valid, r.lte_roaming_pdp_type,
                                "lte_roaming_pdp_type");

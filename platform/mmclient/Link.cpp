@@ -236,7 +236,14 @@ xal_client_error_type Link::release(xal_client_type handle) {
 std::optional<ModemInfo> Link::modem() {
     kiv::MutexLock lock(mLock);
     if (!mModem) return std::nullopt;
-    return ModemInfo{mModem->path, mModem->equipmentId, mModem->deviceId, mSim};
+    return ModemInfo{mModem->path, mModem->equipmentId, mModem->deviceId, mSim, mModem->state};
+}
+
+std::optional<ModemInfo> Link::chosen() {
+    kiv::MutexLock lock(mLock);
+    if (!mChosen) return std::nullopt;
+    return ModemInfo{mChosen->path, mChosen->equipmentId, mChosen->deviceId,
+                     mModem ? mSim : std::string(), mChosen->state};
 }
 
 std::optional<std::string> Link::modemPath() {
@@ -429,6 +436,7 @@ void Link::rescan() {
     }
 
     kiv::MutexLock lock(mLock);
+    mChosen = error.ok() ? chosen : std::nullopt;
     if (!error.ok()) {
         downLocked("the modem manager cannot be reached (" + error.describe() + ")");
         if (error.kind == CallError::kGone) mCalls.close();

@@ -40,23 +40,12 @@
 #include "mm/ProfileDict.h"
 #include "mmclient/ManagerBus.h"
 #include "mmclient/TemporaryRecord.h"
+#include "mmclient/XalMm.h"
+#include "wire/RequestHooks.h"
 #include "xal/wds_v01.h"
 #include "xal/xal_client.h"
 
 namespace xalmm {
-
-// Error codes in a failure response of this client.
-enum ResponseError : uint32_t {
-    kErrMalformed = 0x01,           // the modem manager found the request invalid
-    kErrNoFreeProfile = 0x02,       // no room for another profile
-    kErrInvalidProfile = 0x03,      // no such profile
-    kErrInvalidProfileType = 0x04,  // 3GPP2: the modem manager has no such profiles
-    kErrNotHeld = 0x10,             // a value the modem cannot hold; nothing changed
-    kErrInUse = 0x11,               // a connected bearer uses the profile
-    kErrNotEnabled = 0x12,          // the modem is not enabled
-    kErrRefused = 0x13,             // any other error of the modem manager (logged)
-    kErrRecord = 0x14,              // the record of temporary profiles could not be written
-};
 
 struct Settings {
     std::string busAddress;  // empty: the system bus
@@ -70,6 +59,7 @@ struct ModemInfo {
     std::string equipmentId;
     std::string deviceId;
     std::string simIdentifier;
+    int32_t state = 0;
 };
 
 // A client's handle is a number of this library's, never a pointer, and
@@ -107,14 +97,22 @@ class Link {
                                unsigned int responseLength, unsigned int timeoutMs)
             EXCLUDES(mLock, mCallLock);
     xal_client_error_type release(xal_client_type handle) EXCLUDES(mLock);
+    void setRequestHook(wire::RequestHook hook) EXCLUDES(mLock);
+    void setRequestObserver(wire::RequestObserver observer) EXCLUDES(mLock);
+    void observe(const wire::RequestOutcome& outcome) EXCLUDES(mLock);
 
     // --- For hosts and tests.
     std::optional<ModemInfo> modem() EXCLUDES(mLock);
+    // The modem chosen at the last look at the bus, up or not.
+    std::optional<ModemInfo> chosen() EXCLUDES(mLock);
     size_t registeredClients() EXCLUDES(mLock);
     bool waitForRegistered(size_t count, std::chrono::milliseconds timeout) EXCLUDES(mLock);
     // The table compared with the modem's now, and every event so far
     // delivered (true), or the time-out.
     bool sync(std::chrono::milliseconds timeout) EXCLUDES(mLock);
+    // The modem's profiles as this client reads them.
+    android::base::Result<std::vector<std::pair<uint8_t, mm::Settings>>> profiles(
+            std::chrono::milliseconds timeout) EXCLUDES(mLock, mCallLock);
 
   private:
     Link();
@@ -170,6 +168,11 @@ class Link {
 
     // --- The requests (Requests.cpp), on the caller's thread. Each fills
     // the response and returns the client's result.
+    // A request past the hook; `sent`: it went to the modem manager.
+    xal_client_error_type serve(xal_client_type handle, unsigned int msgId, const void* request,
+                                unsigned int requestLength, void* response,
+                                unsigned int responseLength, unsigned int timeoutMs, bool& sent)
+            EXCLUDES(mLock, mCallLock);
     xal_client_error_type serveList(const void* request, void* response,
                                     std::chrono::milliseconds timeout) EXCLUDES(mLock);
     xal_client_error_type serveSettings(const void* request, void* response,
@@ -202,14 +205,17 @@ class Link {
     Settings mSettings GUARDED_BY(mLock);
     kiv::Mutex mLogLock;
     LogSink mLogSink GUARDED_BY(mLogLock);
+    wire::RequestHook mHook GUARDED_BY(mLock);
+    wire::RequestObserver mObserver GUARDED_BY(mLock);
     std::map<uintptr_t, Client> mClients GUARDED_BY(mLock);
     uintptr_t mNextHandle GUARDED_BY(mLock) = 0x1000;
     uint32_t mInstance GUARDED_BY(mLock) = 0;
 
     // The service.
     bool mStarted GUARDED_BY(mLock) = false;
-    std::optional<ModemObject> mModem GUARDED_BY(mLock);  // while up
-    std::string mSim GUARDED_BY(mLock);                   // its SIM's identifier
+    std::optional<ModemObject> mModem GUARDED_BY(mLock);   // while up
+    std::optional<ModemObject> mChosen GUARDED_BY(mLock);  // at the last look, up or not
+    std::string mSim GUARDED_BY(mLock);                    // its SIM's identifier
     std::optional<std::string> mLastSim GUARDED_BY(mLock);
     bool mReturning GUARDED_BY(mLock) = false;  // lost since clients last registered
     bool mSubscriptionChanged GUARDED_BY(mLock) = false;

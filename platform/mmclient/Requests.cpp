@@ -84,6 +84,55 @@ std::string quote(const std::string& text) {
 xal_client_error_type Link::send(xal_client_type handle, unsigned int msgId, const void* request,
                                  unsigned int requestLength, void* response,
                                  unsigned int responseLength, unsigned int timeoutMs) {
+    wire::RequestHook hook;
+    {
+        kiv::MutexLock lock(mLock);
+        hook = mHook;
+    }
+    if (hook) {
+        if (auto answer = hook(handle, msgId, request, requestLength, response, responseLength)) {
+            kiv::MutexLock lock(mLock);
+            if (findLocked(handle) != nullptr) {
+                for (auto& [id, payload] : answer->indications) {
+                    queueLocked(idOf(handle), Delivery::kIndication, static_cast<int>(id),
+                                std::move(payload));
+                }
+            }
+            lock.unlock();
+            observe({handle, msgId, XAL_NO_ERR, false, response, responseLength});
+            return XAL_NO_ERR;
+        }
+    }
+    bool sent = false;
+    const xal_client_error_type result =
+            serve(handle, msgId, request, requestLength, response, responseLength, timeoutMs, sent);
+    observe({handle, msgId, result, sent, result == XAL_NO_ERR ? response : nullptr,
+             result == XAL_NO_ERR ? responseLength : 0});
+    return result;
+}
+
+void Link::setRequestHook(wire::RequestHook hook) {
+    kiv::MutexLock lock(mLock);
+    mHook = std::move(hook);
+}
+
+void Link::setRequestObserver(wire::RequestObserver observer) {
+    kiv::MutexLock lock(mLock);
+    mObserver = std::move(observer);
+}
+
+void Link::observe(const wire::RequestOutcome& outcome) {
+    wire::RequestObserver observer;
+    {
+        kiv::MutexLock lock(mLock);
+        observer = mObserver;
+    }
+    if (observer) observer(outcome);
+}
+
+xal_client_error_type Link::serve(xal_client_type handle, unsigned int msgId, const void* request,
+                                  unsigned int requestLength, void* response,
+                                  unsigned int responseLength, unsigned int timeoutMs, bool& sent) {
     const MessageSizes* sizes = sizesOf(msgId);
     const size_t needed = sizes != nullptr ? sizes->response : sizeof(wds_generic_resp_msg_v01);
     if (responseLength < needed) return XAL_CLIENT_PARAM_ERR;
@@ -145,6 +194,8 @@ xal_client_error_type Link::send(xal_client_type handle, unsigned int msgId, con
         }
     }
     const milliseconds timeout(timeoutMs > 0 ? timeoutMs : 1);
+    // It goes to the modem manager: unanswered, it may have been done.
+    sent = true;
     switch (msgId) {
         case XAL_WDS_GET_PROFILE_LIST_REQ_V01:
             return serveList(request, response, timeout);
@@ -234,6 +285,27 @@ mm::Settings Link::readSettings(int32_t index, const mm::ProfileDict& profile) {
         }
     }
     return settings;
+}
+
+android::base::Result<std::vector<std::pair<uint8_t, mm::Settings>>> Link::profiles(
+        milliseconds timeout) {
+    kiv::MutexLock calls(mCallLock);
+    wds_get_profile_list_resp_msg_v01 response = {};
+    Table table;
+    const xal_client_error_type result = listTable(table, &response, timeout);
+    if (result != XAL_NO_ERR || response.resp.result != 0) {
+        return android::base::Error() << "the modem manager's table cannot be read ("
+                                      << (result == XAL_TIMEOUT_ERR   ? "no answer in time"
+                                          : result == XAL_SERVICE_ERR ? "the modem is not there"
+                                                                      : "refused")
+                                      << ")";
+    }
+    std::vector<std::pair<uint8_t, mm::Settings>> profiles;
+    kiv::MutexLock lock(mLock);
+    for (const auto& [index, profile] : table) {
+        profiles.emplace_back(static_cast<uint8_t>(index), readSettings(index, profile));
+    }
+    return profiles;
 }
 
 xal_client_error_type Link::serveList(const void* request, void* response, milliseconds timeout) {

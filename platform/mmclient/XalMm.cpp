@@ -20,6 +20,10 @@ void setBusAddress(const std::string& address) {
     Link::instance().configure([&](Settings& s) { s.busAddress = address; });
 }
 
+std::string busAddress() {
+    return Link::instance().settings().busAddress;
+}
+
 void setModem(const std::string& identifier) {
     Link::instance().configure([&](Settings& s) { s.modem = identifier; });
 }
@@ -36,10 +40,22 @@ void setLogSink(LogSink sink) {
     Link::instance().setLogSink(std::move(sink));
 }
 
-std::optional<Modem> currentModem() {
-    auto modem = Link::instance().modem();
+namespace {
+
+std::optional<Modem> toModem(const std::optional<ModemInfo>& modem) {
     if (!modem) return std::nullopt;
-    return Modem{modem->path, modem->equipmentId, modem->deviceId, modem->simIdentifier};
+    return Modem{modem->path, modem->equipmentId, modem->deviceId, modem->simIdentifier,
+                 modem->state};
+}
+
+}  // namespace
+
+std::optional<Modem> currentModem() {
+    return toModem(Link::instance().modem());
+}
+
+std::optional<Modem> chosenModem() {
+    return toModem(Link::instance().chosen());
 }
 
 size_t registeredClients() {
@@ -54,32 +70,42 @@ bool sync(std::chrono::milliseconds timeout) {
     return Link::instance().sync(timeout);
 }
 
+android::base::Result<std::vector<std::pair<uint8_t, wds_get_profile_settings_resp_msg_v01>>>
+profiles(std::chrono::milliseconds timeout) {
+    return Link::instance().profiles(timeout);
+}
+
+void setRequestHook(RequestHook hook) {
+    Link::instance().setRequestHook(std::move(hook));
+}
+
+void setRequestObserver(RequestObserver observer) {
+    Link::instance().setRequestObserver(std::move(observer));
+}
+
 }  // namespace xalmm
 
-extern "C" {
+namespace {
 
-xal_idl_service_object_type wds_get_service_object_internal_v01(int32_t idl_maj_version,
-                                                                int32_t /*idl_min_version*/,
-                                                                int32_t /*library_version*/) {
+xal_idl_service_object_type serviceObject(int32_t idl_maj_version, int32_t /*idl_min_version*/,
+                                          int32_t /*library_version*/) {
     return wire::serviceObjectFor(idl_maj_version);
 }
 
-xal_client_error_type xal_client_notifier_init(xal_idl_service_object_type service_obj,
-                                               xal_client_os_params* os_params,
-                                               xal_client_type* user_handle) {
+xal_client_error_type notifierInit(xal_idl_service_object_type service_obj,
+                                   xal_client_os_params* os_params, xal_client_type* user_handle) {
     if (auto refused = wire::checkNotifierInit(service_obj, os_params, user_handle)) return refused;
     *user_handle = Link::instance().newNotifier();
     return XAL_NO_ERR;
 }
 
-xal_client_error_type xal_client_register_notify_cb(xal_client_type user_handle,
-                                                    xal_client_notify_cb notify_cb,
-                                                    void* notify_cb_data) {
+xal_client_error_type registerNotify(xal_client_type user_handle, xal_client_notify_cb notify_cb,
+                                     void* notify_cb_data) {
     return Link::instance().registerNotify(user_handle, notify_cb, notify_cb_data);
 }
 
-xal_client_error_type xal_client_get_any_service(xal_idl_service_object_type service_obj,
-                                                 xal_service_info* service_info) {
+xal_client_error_type getAnyService(xal_idl_service_object_type service_obj,
+                                    xal_service_info* service_info) {
     if (auto refused = wire::checkGetAnyService(service_obj, service_info)) return refused;
     if (Link::instance().probe() != XAL_NO_ERR) return XAL_SERVICE_ERR;
     memset(service_info, 0, sizeof(*service_info));
@@ -87,26 +113,24 @@ xal_client_error_type xal_client_get_any_service(xal_idl_service_object_type ser
     return XAL_NO_ERR;
 }
 
-xal_client_error_type xal_client_init(xal_service_info* service_info,
-                                      xal_idl_service_object_type service_obj,
-                                      xal_client_ind_cb ind_cb, void* ind_cb_data,
-                                      xal_client_os_params* os_params,
-                                      xal_client_type* user_handle) {
+xal_client_error_type clientInit(xal_service_info* service_info,
+                                 xal_idl_service_object_type service_obj, xal_client_ind_cb ind_cb,
+                                 void* ind_cb_data, xal_client_os_params* os_params,
+                                 xal_client_type* user_handle) {
     if (auto refused = wire::checkClientInit(service_info, service_obj, os_params, user_handle)) {
         return refused;
     }
     return Link::instance().newClient(ind_cb, ind_cb_data, user_handle);
 }
 
-xal_client_error_type xal_client_register_error_cb(xal_client_type user_handle,
-                                                   xal_client_error_cb err_cb, void* err_cb_data) {
+xal_client_error_type registerError(xal_client_type user_handle, xal_client_error_cb err_cb,
+                                    void* err_cb_data) {
     return Link::instance().registerError(user_handle, err_cb, err_cb_data);
 }
 
-xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsigned int msg_id,
-                                               void* req_c_struct, unsigned int req_c_struct_len,
-                                               void* resp_c_struct, unsigned int resp_c_struct_len,
-                                               unsigned int timeout_msecs) {
+xal_client_error_type sendSync(xal_client_type user_handle, unsigned int msg_id, void* req_c_struct,
+                               unsigned int req_c_struct_len, void* resp_c_struct,
+                               unsigned int resp_c_struct_len, unsigned int timeout_msecs) {
     Link& link = Link::instance();
     if (!link.isLive(user_handle)) return XAL_CLIENT_INVALID_CLNT;
     if (auto refused =
@@ -118,20 +142,25 @@ xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsi
                      resp_c_struct_len, timeout_msecs);
 }
 
-xal_client_error_type xal_client_message_decode(xal_client_type /*user_handle*/,
-                                                xal_idl_type_of_msg_type req_resp_ind,
-                                                unsigned int message_id, const void* p_src,
-                                                unsigned int src_len, void* p_dst,
-                                                unsigned int dst_len) {
+xal_client_error_type decode(xal_client_type /*user_handle*/, xal_idl_type_of_msg_type req_resp_ind,
+                             unsigned int message_id, const void* p_src, unsigned int src_len,
+                             void* p_dst, unsigned int dst_len) {
     return wire::decodeMessage(req_resp_ind, message_id, p_src, src_len, p_dst, dst_len);
 }
 
-xal_client_error_type xal_client_release(xal_client_type user_handle) {
+xal_client_error_type release(xal_client_type user_handle) {
     return Link::instance().release(user_handle);
 }
 
-int xal_host_wait_for_registration(unsigned int timeout_msecs) {
+int waitForRegistration(unsigned int timeout_msecs) {
     return Link::instance().waitForRegistered(1, std::chrono::milliseconds(timeout_msecs)) ? 1 : 0;
 }
 
-}  // extern "C"
+}  // namespace
+
+const wire::ClientTable& xalmm::clientTable() {
+    static const wire::ClientTable table{
+            serviceObject, notifierInit, registerNotify, getAnyService, clientInit,
+            registerError, sendSync,     decode,         release,       waitForRegistration};
+    return table;
+}

@@ -124,12 +124,12 @@ Result<void> ModemManagerSim::start(const std::string& address) {
             SD_BUS_VTABLE_START(0),
             SD_BUS_METHOD("DaemonGone", "", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_METHOD("DaemonBack", "", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
-            SD_BUS_METHOD("Reexport", "u", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
-            SD_BUS_METHOD("SwapSim", "us", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
-            SD_BUS_METHOD("SetState", "ui", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
-            SD_BUS_METHOD("Change", "ua{sv}b", "i", control, SD_BUS_VTABLE_UNPRIVILEGED),
-            SD_BUS_METHOD("Delete", "uib", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
-            SD_BUS_METHOD("SetConnected", "uib", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("Reexport", "s", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("SwapSim", "ss", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("SetState", "si", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("Change", "sa{sv}b", "i", control, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("Delete", "sib", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("SetConnected", "sib", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_METHOD("FailNext", "sus", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_METHOD("DelayNext", "suu", "", control, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_VTABLE_END,
@@ -547,8 +547,11 @@ int ModemManagerSim::propertyGet(sd_bus*, const char*, const char* interface, co
 
 // --- The control object.
 
-ModemManagerSim::Modem* ModemManagerSim::modemAt(uint32_t n) {
-    return n < mModems.size() ? mModems[n].get() : nullptr;
+ModemManagerSim::Modem* ModemManagerSim::modemNamed(const std::string& identifier) {
+    for (auto& modem : mModems) {
+        if (modem->equipmentId == identifier || modem->deviceId == identifier) return modem.get();
+    }
+    return nullptr;
 }
 
 int ModemManagerSim::control(sd_bus_message* m, void* data, sd_bus_error* error) {
@@ -596,10 +599,10 @@ int ModemManagerSim::controlCall(sd_bus_message* m, const std::string& member) {
         for (uint32_t i = 0; i < count && i < 1000; ++i) mDelays[method].push_back(delayMs);
         return sd_bus_reply_method_return(m, "");
     }
-    uint32_t n = 0;
-    int r = sd_bus_message_read_basic(m, 'u', &n);
+    const char* identifier = nullptr;
+    int r = sd_bus_message_read_basic(m, 's', &identifier);
     if (r < 0) return r;
-    Modem* modem = modemAt(n);
+    Modem* modem = modemNamed(identifier);
     if (modem == nullptr) return -ENODEV;
     if (member == "Reexport") {
         reexport(*modem);

@@ -104,7 +104,8 @@ class ModemManagerSim {
     // --- The control object.
     static int control(sd_bus_message* m, void* data, sd_bus_error* error);
     int controlCall(sd_bus_message* m, const std::string& member);
-    Modem* modemAt(uint32_t n);
+    // A modem by its equipment or device identifier.
+    Modem* modemNamed(const std::string& identifier);
 
     const Options mOptions;
     const Log mLog;

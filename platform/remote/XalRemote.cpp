@@ -56,30 +56,27 @@ bool sync(std::chrono::milliseconds timeout) {
 
 }  // namespace xalremote
 
-extern "C" {
+namespace {
 
-xal_idl_service_object_type wds_get_service_object_internal_v01(int32_t idl_maj_version,
-                                                                int32_t /*idl_min_version*/,
-                                                                int32_t /*library_version*/) {
+xal_idl_service_object_type serviceObject(int32_t idl_maj_version, int32_t /*idl_min_version*/,
+                                          int32_t /*library_version*/) {
     return wire::serviceObjectFor(idl_maj_version);
 }
 
-xal_client_error_type xal_client_notifier_init(xal_idl_service_object_type service_obj,
-                                               xal_client_os_params* os_params,
-                                               xal_client_type* user_handle) {
+xal_client_error_type notifierInit(xal_idl_service_object_type service_obj,
+                                   xal_client_os_params* os_params, xal_client_type* user_handle) {
     if (auto refused = wire::checkNotifierInit(service_obj, os_params, user_handle)) return refused;
     *user_handle = Transport::instance().newNotifier();
     return XAL_NO_ERR;
 }
 
-xal_client_error_type xal_client_register_notify_cb(xal_client_type user_handle,
-                                                    xal_client_notify_cb notify_cb,
-                                                    void* notify_cb_data) {
+xal_client_error_type registerNotify(xal_client_type user_handle, xal_client_notify_cb notify_cb,
+                                     void* notify_cb_data) {
     return Transport::instance().registerNotify(user_handle, notify_cb, notify_cb_data);
 }
 
-xal_client_error_type xal_client_get_any_service(xal_idl_service_object_type service_obj,
-                                                 xal_service_info* service_info) {
+xal_client_error_type getAnyService(xal_idl_service_object_type service_obj,
+                                    xal_service_info* service_info) {
     if (auto refused = wire::checkGetAnyService(service_obj, service_info)) return refused;
     const xal_client_error_type result = Transport::instance().probe();
     if (result != XAL_NO_ERR) return XAL_SERVICE_ERR;
@@ -88,26 +85,24 @@ xal_client_error_type xal_client_get_any_service(xal_idl_service_object_type ser
     return XAL_NO_ERR;
 }
 
-xal_client_error_type xal_client_init(xal_service_info* service_info,
-                                      xal_idl_service_object_type service_obj,
-                                      xal_client_ind_cb ind_cb, void* ind_cb_data,
-                                      xal_client_os_params* os_params,
-                                      xal_client_type* user_handle) {
+xal_client_error_type clientInit(xal_service_info* service_info,
+                                 xal_idl_service_object_type service_obj, xal_client_ind_cb ind_cb,
+                                 void* ind_cb_data, xal_client_os_params* os_params,
+                                 xal_client_type* user_handle) {
     if (auto refused = wire::checkClientInit(service_info, service_obj, os_params, user_handle)) {
         return refused;
     }
     return Transport::instance().newClient(ind_cb, ind_cb_data, user_handle);
 }
 
-xal_client_error_type xal_client_register_error_cb(xal_client_type user_handle,
-                                                   xal_client_error_cb err_cb, void* err_cb_data) {
+xal_client_error_type registerError(xal_client_type user_handle, xal_client_error_cb err_cb,
+                                    void* err_cb_data) {
     return Transport::instance().registerError(user_handle, err_cb, err_cb_data);
 }
 
-xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsigned int msg_id,
-                                               void* req_c_struct, unsigned int req_c_struct_len,
-                                               void* resp_c_struct, unsigned int resp_c_struct_len,
-                                               unsigned int timeout_msecs) {
+xal_client_error_type sendSync(xal_client_type user_handle, unsigned int msg_id, void* req_c_struct,
+                               unsigned int req_c_struct_len, void* resp_c_struct,
+                               unsigned int resp_c_struct_len, unsigned int timeout_msecs) {
     Transport& transport = Transport::instance();
     xal_client_error_type refused = XAL_NO_ERR;
     if (!transport.isLive(user_handle)) {
@@ -126,21 +121,26 @@ xal_client_error_type xal_client_send_msg_sync(xal_client_type user_handle, unsi
                               resp_c_struct_len, timeout_msecs);
 }
 
-xal_client_error_type xal_client_message_decode(xal_client_type /*user_handle*/,
-                                                xal_idl_type_of_msg_type req_resp_ind,
-                                                unsigned int message_id, const void* p_src,
-                                                unsigned int src_len, void* p_dst,
-                                                unsigned int dst_len) {
+xal_client_error_type decode(xal_client_type /*user_handle*/, xal_idl_type_of_msg_type req_resp_ind,
+                             unsigned int message_id, const void* p_src, unsigned int src_len,
+                             void* p_dst, unsigned int dst_len) {
     return wire::decodeMessage(req_resp_ind, message_id, p_src, src_len, p_dst, dst_len);
 }
 
-xal_client_error_type xal_client_release(xal_client_type user_handle) {
+xal_client_error_type release(xal_client_type user_handle) {
     return Transport::instance().release(user_handle);
 }
 
-int xal_host_wait_for_registration(unsigned int timeout_msecs) {
+int waitForRegistration(unsigned int timeout_msecs) {
     return Transport::instance().waitForRegistered(1, std::chrono::milliseconds(timeout_msecs)) ? 1
                                                                                                 : 0;
 }
 
-}  // extern "C"
+}  // namespace
+
+const wire::ClientTable& xalremote::clientTable() {
+    static const wire::ClientTable table{
+            serviceObject, notifierInit, registerNotify, getAnyService, clientInit,
+            registerError, sendSync,     decode,         release,       waitForRegistration};
+    return table;
+}

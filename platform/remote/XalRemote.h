@@ -28,6 +28,8 @@
 #include <utility>
 #include <vector>
 
+#include "wire/ClientTable.h"
+#include "wire/RequestHooks.h"
 #include "xal/xal_client.h"
 
 namespace xalremote {
@@ -54,42 +56,17 @@ size_t registeredClients();
 // Waits until at least `count` clients are registered (true) or the time-out.
 bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout);
 
-// What became of one request of this process: its client (as given, maybe
-// null or released), its message id, the result of xal_client_send_msg_sync
-// (XAL_NO_ERR: the modem answered; a request refused by the client itself,
-// on a bad handle or a service that is away, was never sent), and the
-// modem's response record when it answered.
-struct RequestOutcome {
-    xal_client_type client;
-    unsigned int msgId;
-    xal_client_error_type result;
-    // It left this process: a request sent and not answered may have been
-    // carried out.
-    bool sent;
-    const void* response;  // null unless result is XAL_NO_ERR
-    unsigned int responseLength;
-};
-// Called once for every xal_client_send_msg_sync of this process, on the
-// calling thread, just before the call returns (and before any indication
-// that arrived after its answer is delivered). Null: none.
-using RequestObserver = std::function<void(const RequestOutcome& outcome)>;
+// What this process may see and answer of its requests (wire/RequestHooks.h).
+using RequestOutcome = wire::RequestOutcome;
+using RequestObserver = wire::RequestObserver;
 void setRequestObserver(RequestObserver observer);
-
-// An answer given in this process instead of by the service.
-struct LocalAnswer {
-    // Indications for the requesting client (message id, encoded record),
-    // delivered after the answer, as the service's would be.
-    std::vector<std::pair<unsigned int, std::vector<uint8_t>>> indications;
-};
-// Sees each request of this process that is about to be sent (on the
-// calling thread, no lock of this library held). An answer (the response
-// record filled in) answers the request here: it is not sent, the caller
-// gets XAL_NO_ERR and the observer is told of it as answered. Nothing: the
-// request goes to the service. Null: every request goes to the service.
-using RequestHook = std::function<std::optional<LocalAnswer>(
-        xal_client_type client, unsigned int msgId, const void* request, unsigned int requestLength,
-        void* response, unsigned int responseLength)>;
+using LocalAnswer = wire::LocalAnswer;
+using RequestHook = wire::RequestHook;
 void setRequestHook(RequestHook hook);
+
+// The C interface of this client as a table (wire/ClientTable.h), for a
+// program that chooses its messaging client at run time.
+const wire::ClientTable& clientTable();
 
 // Returns once every event the service sent to this process's open clients
 // before the call has been delivered to their callbacks (true), or at the

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <iostream>
 
+#include "ClientChoice.h"
 #include "CommandTable.h"
 #include "ProfileOptions.h"
 #include "Shell.h"
@@ -162,7 +163,7 @@ void CommandContext::resyncLibrary() {
     if (!mSession.libraryStarted()) return;
     // The reread the modem asks for is this command's.
     const auto reading = mSession.ledger().reading();
-    xalremote::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
+    client::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
     mSession.waitForLibrary();
     mSession.settle();
 }

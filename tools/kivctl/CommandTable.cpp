@@ -28,6 +28,13 @@ const std::vector<KnownOption>& globalOptions() {
              "without a service: the modem's table (default\n"
              "                        $XDG_STATE_HOME/kivr/modem.state, else\n"
              "                        ~/.local/state/kivr/modem.state)"},
+            {"--modem-manager", "ID",
+             "a modem of the modem manager (D-Bus), by its equipment or device\n"
+             "                        identifier; without =ID the one --instance picks\n"
+             "                        (default $KIVR_MODEM_MANAGER; \"any\": by instance)",
+             true},
+            {"--mm-bus", "ADDRESS",
+             "the modem manager's bus (default $KIVR_MM_BUS, else the system bus)"},
             {"--instance", "N", "modem instance the library binds to, 0 to 255 (default 0)"},
             {"--json", nullptr, "machine-readable output: one JSON document per result"},
             {"--log", nullptr, "the library's log lines on standard error"},

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "ClientChoice.h"
 #include "CommandContext.h"
 #include "CommandTable.h"
 #include "Session.h"
@@ -52,6 +53,9 @@ CommandLine split(const std::vector<std::string>& words) {
             line.words.push_back(word);
         } else if (!rest && (word == "-h" || word == "--help") && line.command.empty()) {
             line.help = true;
+        } else if (!rest && word == "--modem-manager") {
+            // The modem manager without an identifier: the modem by --instance.
+            global.push_back("--modem-manager=");
         } else if (!rest && isGlobal(word, &known) && std::string(known->name) != "--help") {
             global.push_back(word);
             // A value given as the next word travels with its option.
@@ -77,7 +81,24 @@ CommandLine split(const std::vector<std::string>& words) {
                 "--modem-state is for kivctl's own modem; the service named by "
                 "--modem keeps its own state");
     }
-    if (auto socket = args.value("--modem")) {
+    const char* manager = getenv("KIVR_MODEM_MANAGER");
+    if (auto id = args.value("--modem-manager")) {
+        g.modemManager = true;
+        g.modemManagerId = *id;
+    } else if (manager != nullptr && manager[0] != '\0' && !args.has("--modem") &&
+               !args.has("--modem-state")) {
+        g.modemManager = true;
+        g.modemManagerId = std::string(manager) == "any" ? "" : manager;
+    }
+    if (g.modemManager && (args.has("--modem") || args.has("--modem-state"))) {
+        throw UsageError(
+                "--modem-manager names the modem; --modem and --modem-state are for "
+                "the simulated modem and its service");
+    }
+    g.modemManagerBus = args.value("--mm-bus").value_or("");
+    if (g.modemManager) {
+        // Neither the service nor kivctl's own modem.
+    } else if (auto socket = args.value("--modem")) {
         g.modemSocket = *socket;
     } else if (auto state = args.value("--modem-state")) {
         // Named on the command line, kivctl's own modem wins over KIVR_MODEM.
@@ -139,6 +160,8 @@ int run(const std::vector<std::string>& words, std::istream& in, std::ostream& o
             globals.statePath = *path;
         }
 
+        // The messaging client, before anything of the session watches it.
+        client::use(globals.modemManager ? client::Kind::kModemManager : client::Kind::kService);
         Session session(globals);
         CommandContext commands(session, in, out, err, /*inShell=*/false);
         const int status = commands.execute(*command, args);

@@ -5,9 +5,12 @@
 #include <algorithm>
 #include <map>
 
+#include "ClientChoice.h"
+#include "ManagerControl.h"
 #include "Watcher.h"
 #include "WdsNames.h"
 #include "common/Errors.h"
+#include "mmclient/XalMm.h"
 #include "remote/XalRemote.h"
 #include "xal/wds_v01.h"
 
@@ -105,13 +108,19 @@ nlohmann::json indication(const std::vector<std::string>& words) {
 int ModemCommands::watch(const Arguments& args) {
     const auto countText = args.value("--count");
     const int limit = countText ? parseNumber(*countText, "--count", 1, 1 << 30) : 0;
-    if (mGlobals.modemSocket.empty()) {
+    if (mGlobals.modemSocket.empty() && !mGlobals.modemManager) {
         throw UsageError(
-                "watch needs the modem service: start kivmodemd and name its socket "
-                "with --modem PATH or KIVR_MODEM");
+                "watch needs the modem service or a modem manager: start kivmodemd and name its "
+                "socket with --modem PATH or KIVR_MODEM, or give --modem-manager");
+    }
+    // The modem manager's client finds its modem first.
+    if (mGlobals.modemManager && !mSession.status().value("serviceUp", false)) {
+        throw Refused("no modem up on the modem manager to watch");
     }
     ChangeWatcher watcher(std::chrono::milliseconds(mGlobals.timeoutMs), mSession.ledger());
-    mErr << "kivctl: watching the modem at " << xalremote::socketPath() << "\n";
+    mErr << "kivctl: watching "
+         << (mGlobals.modemManager ? client::where() : "the modem at " + xalremote::socketPath())
+         << "\n";
     mErr.flush();
     // The service going away and coming back is said, and not counted.
     for (int seen = 0; limit == 0 || seen < limit;) {
@@ -129,6 +138,7 @@ int ModemCommands::watch(const Arguments& args) {
 }
 
 int ModemCommands::modem(const Arguments& args) {
+    if (mGlobals.modemManager) return managerModem(args.positionals());
     std::vector<std::string> words = args.positionals();
     const std::string action = words[0];
     words.erase(words.begin());
@@ -202,7 +212,7 @@ int ModemCommands::modem(const Arguments& args) {
     mSession.call(command);
     if (action == "restart" || action == "reset" || action == "up") mContext.resyncLibrary();
     if (action == "down" && mSession.libraryStarted()) {
-        xalremote::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
+        client::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
     }
     const auto status = mSession.status();
     const int profiles = status.value("profiles", 0);
@@ -212,6 +222,49 @@ int ModemCommands::modem(const Arguments& args) {
                          {"profiles", profiles}});
     } else if (action == "restart" || action == "reset") {
         mOut << "modem " << done << ": " << profiles << " profiles on the modem\n";
+    } else {
+        mOut << "modem: " << done << "\n";
+    }
+    return kOk;
+}
+
+int ModemCommands::managerModem(const std::vector<std::string>& words) {
+    if (words[0] == "status") {
+        if (words.size() > 1) throw UsageError("unexpected argument " + quote(words[1]));
+        auto status = mSession.status();
+        if (mGlobals.json) {
+            printJson(mOut, ordered_json(status));
+            return kOk;
+        }
+        mOut << "service:   " << (status.value("serviceUp", false) ? "up" : "down") << "\n";
+        if (status.value("serviceUp", false)) {
+            mOut << "modem:     " << status.value("path", std::string()) << "\n"
+                 << "imei:      " << status.value("equipmentId", std::string()) << "\n"
+                 << "device:    " << status.value("deviceId", std::string()) << "\n"
+                 << "sim:       " << status.value("sim", std::string()) << "\n"
+                 << "profiles:  " << status.value("profiles", 0) << "\n";
+        }
+        return kOk;
+    }
+    mSession.status();  // the client looks at the bus
+    std::string identifier = mGlobals.modemManagerId;
+    if (auto found = xalmm::chosenModem()) {
+        identifier = found->equipmentId.empty() ? found->deviceId : found->equipmentId;
+    }
+    if (identifier.empty() && words[0] != "daemon-back" && words[0] != "daemon-gone") {
+        throw Refused("no modem on the modem manager to act on");
+    }
+    const std::string done = ManagerControl(xalmm::busAddress()).run(identifier, words);
+    const std::string action = words[0];
+    const bool back = action == "daemon-back" || action == "reexport" || action == "swap-sim" ||
+                      (action == "state" && std::stoi(words[1]) >= 6);
+    if (back) {
+        mContext.resyncLibrary();
+    } else if (mSession.libraryStarted()) {
+        client::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
+    }
+    if (mGlobals.json) {
+        printJson(mOut, {{"modem", action}, {"done", done}});
     } else {
         mOut << "modem: " << done << "\n";
     }

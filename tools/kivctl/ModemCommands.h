@@ -13,6 +13,10 @@ class ModemCommands : private CommandGroup {
 
     int modem(const Arguments& args);
     int watch(const Arguments& args);
+
+  private:
+    // `modem` on a modem manager's modem.
+    int managerModem(const std::vector<std::string>& words);
 };
 
 }  // namespace kivctl

@@ -2,8 +2,9 @@
 
 #include <cstring>
 
-#include "remote/XalRemote.h"
+#include "ClientChoice.h"
 #include "wire/IndicationCodec.h"
+#include "wire/RequestHooks.h"
 #include "xal/wds_v01.h"
 
 namespace kivctl {
@@ -12,9 +13,9 @@ namespace {
 
 // A modify the modem accepts, without the modem: the answer (success), and
 // the echo a modem sends after it.
-std::optional<xalremote::LocalAnswer> rehearse(xal_client_type, unsigned int msgId,
-                                               const void* request, unsigned int requestLength,
-                                               void* response, unsigned int responseLength) {
+std::optional<wire::LocalAnswer> rehearse(xal_client_type, unsigned int msgId, const void* request,
+                                          unsigned int requestLength, void* response,
+                                          unsigned int responseLength) {
     if (msgId != XAL_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 ||
         requestLength != sizeof(wds_modify_profile_settings_req_msg_v01)) {
         return std::nullopt;
@@ -26,7 +27,7 @@ std::optional<xalremote::LocalAnswer> rehearse(xal_client_type, unsigned int msg
     echo.profile_type = modify.profile.profile_type;
     echo.profile_index = modify.profile.profile_index;
     echo.profile_change_evt = WDS_PROFILE_EVENT_MODIFY_V01;
-    xalremote::LocalAnswer answer;
+    wire::LocalAnswer answer;
     answer.indications.emplace_back(XAL_WDS_PROFILE_CHANGED_IND_V01,
                                     wire::encodeProfileChanged(&echo));
     return answer;
@@ -35,11 +36,11 @@ std::optional<xalremote::LocalAnswer> rehearse(xal_client_type, unsigned int msg
 }  // namespace
 
 Rehearsal::Rehearsal() {
-    xalremote::setRequestHook(rehearse);
+    client::setRequestHook(rehearse);
 }
 
 Rehearsal::~Rehearsal() {
-    xalremote::setRequestHook(nullptr);
+    client::setRequestHook(nullptr);
 }
 
 }  // namespace kivctl

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 
-#include "remote/XalRemote.h"
+#include "ClientChoice.h"
 #include "sim/ModemCore.h"
+#include "wire/RequestHooks.h"
 #include "xal/wds_v01.h"
 
 namespace kivctl {
@@ -44,7 +45,7 @@ struct RequestLedger::State {
     std::map<unsigned int, size_t> accepted GUARDED_BY(lock);
 
     // On the requesting thread (the library's worker), as each request ends.
-    void observe(const xalremote::RequestOutcome& outcome) EXCLUDES(lock) {
+    void observe(const wire::RequestOutcome& outcome) EXCLUDES(lock) {
         kiv::MutexLock guard(lock);
         if (ignored.count(outcome.client) != 0) return;
         const bool change = isChange(outcome.msgId);
@@ -86,13 +87,12 @@ struct RequestLedger::State {
 RequestLedger::RequestLedger() : mState(std::make_shared<State>()) {
     // The observer shares the state: a request ending while kivctl lets go
     // of the ledger still finds it.
-    xalremote::setRequestObserver([state = mState](const xalremote::RequestOutcome& outcome) {
-        state->observe(outcome);
-    });
+    client::setRequestObserver(
+            [state = mState](const wire::RequestOutcome& outcome) { state->observe(outcome); });
 }
 
 RequestLedger::~RequestLedger() {
-    xalremote::setRequestObserver(nullptr);
+    client::setRequestObserver(nullptr);
 }
 
 void RequestLedger::ignore(xal_client_type client) {

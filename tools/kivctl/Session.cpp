@@ -5,18 +5,22 @@
 
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <iostream>
 #include <map>
 #include <thread>
 
+#include "ClientChoice.h"
 #include "ProfileOptions.h"
 #include "WdsNames.h"
 #include "base/Mutex.h"
 #include "common/Errors.h"
 #include "diag/diag_host.h"
+#include "mmclient/XalMm.h"
 #include "remote/XalRemote.h"
 #include "service/ModemServer.h"
 #include "sim/ModemCore.h"
+#include "sim/SettingsJson.h"
 #include "sim/StateFile.h"
 #include "xal/wds_v01.h"
 
@@ -55,6 +59,22 @@ void discardDiag(const msg_desc_type*, const char*, void*) {}
 void printDiag(const msg_desc_type*, const char* line, void* secrets) {
     std::cerr << "kivctl: library: " << printable(static_cast<const Secrets*>(secrets)->hide(line))
               << "\n";
+}
+
+// Why the modem manager's client refused a request.
+std::string managerReason(uint32_t error) {
+    switch (error) {
+        case xalmm::kErrInvalidProfileType:
+            return "the modem manager keeps 3GPP profiles only";
+        case xalmm::kErrInUse:
+            return "a connected bearer uses the profile";
+        case xalmm::kErrNotEnabled:
+            return "the modem is not enabled";
+        case xalmm::kErrRecord:
+            return "the record of temporary profiles could not be written";
+        default:
+            return "refused by the modem manager (kivctl --log tells why)";
+    }
 }
 
 }  // namespace
@@ -125,8 +145,37 @@ class EmbeddedModem {
     std::thread mThread;
 };
 
+// What the modem manager's client logged of values a modem cannot hold.
+struct NotHeldLog {
+    kiv::Mutex lock;
+    std::deque<std::string> values GUARDED_BY(lock);
+
+    void add(const std::string& line) {
+        for (const char* said : {"cannot hold ", "did not keep "}) {
+            const size_t at = line.find(said);
+            if (at == std::string::npos) continue;
+            kiv::MutexLock guard(lock);
+            values.push_back(line.substr(at + strlen(said)));
+        }
+    }
+};
+
 Session::Session(const Globals& globals)
     : mGlobals(globals), mManager(kiv::Manager::getInstance()) {
+    if (mGlobals.modemManager) {
+        if (mGlobals.noService) {
+            throw UsageError("--no-service is for kivctl's own modem, not a modem manager's");
+        }
+        if (!mGlobals.modemManagerId.empty()) xalmm::setModem(mGlobals.modemManagerId);
+        if (!mGlobals.modemManagerBus.empty()) xalmm::setBusAddress(mGlobals.modemManagerBus);
+        mNotHeld = std::make_shared<NotHeldLog>();
+        xalmm::setLogSink(
+                [notHeld = mNotHeld, verbose = mGlobals.log](int, const std::string& line) {
+                    notHeld->add(line);
+                    if (verbose) std::cerr << "kivctl: modem manager: " << printable(line) << "\n";
+                });
+        return;
+    }
     if (mGlobals.modemSocket.empty()) {
         mEmbedded = std::make_unique<EmbeddedModem>(mGlobals);
     } else {
@@ -168,6 +217,12 @@ void Session::startLibrary() {
 }
 
 void Session::waitForLibrary() {
+    if (mGlobals.modemManager) {
+        if (!client::waitForRegisteredClients(1, std::chrono::milliseconds(mGlobals.timeoutMs))) {
+            throw Refused(noModem());
+        }
+        return;
+    }
     // A service that is down does not come up by waiting, nor does one
     // slower than the library waits for an answer.
     const auto now = status();
@@ -181,14 +236,14 @@ void Session::waitForLibrary() {
                       "wait for an answer (" +
                       std::to_string(kLibraryRequestTimeoutMs) + " ms): none would be answered");
     }
-    if (!xalremote::waitForRegisteredClients(1, std::chrono::milliseconds(mGlobals.timeoutMs))) {
+    if (!client::waitForRegisteredClients(1, std::chrono::milliseconds(mGlobals.timeoutMs))) {
         throw Refused("the modem did not come up within " + std::to_string(mGlobals.timeoutMs) +
                       " ms" + (status().value("serviceUp", true) ? "" : " (its service is down)"));
     }
 }
 
 void Session::settle() {
-    xalremote::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
+    client::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
     mManager.match(kiv::FilterProfileParams(), nullptr);
     mManager.match(kiv::FilterProfileParams(), nullptr);
 }
@@ -198,7 +253,7 @@ void Session::catchUp(const std::string& command) {
     for (int attempt = 1;; ++attempt) {
         // While the service is away, said at once; once it is back, the
         // library has come back with it.
-        if (xalremote::registeredClients() == 0) {
+        if (client::registeredClients() == 0) {
             waitForLibrary();
         } else if (!status().value("serviceUp", true)) {
             throw Refused("the modem's data service is down (kivctl modem up brings it back)");
@@ -214,7 +269,7 @@ void Session::catchUp(const std::string& command) {
         // unanswered fails the command before anything is changed.
         if (attempt == 3 || !mLedger.onlyUnsent()) requireDone(command);
         mLedger.takeFailures();
-        if (xalremote::registeredClients() == 0) waitForLibrary();
+        if (client::registeredClients() == 0) waitForLibrary();
         const auto reading = mLedger.reading();
         mManager.refresh(kiv::PDC_REFRESH_COMPLETED);
     }
@@ -236,10 +291,18 @@ std::string Session::storageReason(uint32_t systemError) const {
            " (the modem service's state file)";
 }
 
-std::string Session::describe(const FailedRequest& failed) const {
+std::string Session::describe(const FailedRequest& failed) {
     std::string why;
     switch (failed.result) {
         case XAL_NO_ERR:
+            if (mGlobals.modemManager && failed.error == xalmm::kErrNotHeld) {
+                why = "the modem cannot hold " + nextNotHeld();
+                break;
+            }
+            if (mGlobals.modemManager && failed.error >= xalmm::kErrInvalidProfileType) {
+                why = managerReason(failed.error);
+                break;
+            }
             switch (failed.error) {
                 case xalsim::kErrNoFreeProfile:
                     why = "the modem's table is full";
@@ -299,6 +362,10 @@ void Session::requireDone(const std::string& command) {
 }
 
 nlohmann::json Session::call(const nlohmann::json& command) {
+    if (!mControl) {
+        throw Refused("not on a modem manager's modem: " + command.value("op", std::string()) +
+                      " is for the simulated modem (kivctl modem --help)");
+    }
     auto answer = mControl->call(command);
     if (!answer.ok()) {
         // The service's own refusal, or the way to it failing: said as it is.
@@ -308,8 +375,67 @@ nlohmann::json Session::call(const nlohmann::json& command) {
     return *answer;
 }
 
+nlohmann::json Session::status() {
+    return mGlobals.modemManager ? managerStatus() : call({{"op", "status"}});
+}
+
+nlohmann::json Session::managerStatus() {
+    const std::chrono::milliseconds timeout(mGlobals.timeoutMs);
+    // The client finds the modem on its first look at the bus.
+    xalmm::sync(timeout);
+    const auto modem = xalmm::currentModem();
+    nlohmann::json status = {{"serviceUp", modem.has_value()}};
+    if (modem) {
+        status["path"] = modem->path;
+        status["equipmentId"] = modem->equipmentId;
+        status["deviceId"] = modem->deviceId;
+        status["sim"] = modem->simIdentifier;
+        if (auto profiles = xalmm::profiles(timeout); profiles.ok()) {
+            status["profiles"] = profiles->size();
+        }
+    }
+    return status;
+}
+
 nlohmann::json Session::modemProfiles() {
-    return call({{"op", "profiles"}})["profiles"];
+    if (!mGlobals.modemManager) return call({{"op", "profiles"}})["profiles"];
+    const std::chrono::milliseconds timeout(mGlobals.timeoutMs);
+    xalmm::sync(timeout);
+    if (!xalmm::currentModem()) throw Refused(noModem());
+    auto profiles = xalmm::profiles(timeout);
+    if (!profiles.ok()) throw Refused(profiles.error().message() + " (" + client::where() + ")");
+    nlohmann::json table = nlohmann::json::array();
+    for (const auto& [index, settings] : *profiles) {
+        table.push_back(nlohmann::json(
+                xalsim::profileToJson({WDS_PROFILE_TYPE_3GPP_V01, index}, settings)));
+    }
+    return table;
+}
+
+std::string Session::noModem() const {
+    if (auto chosen = xalmm::chosenModem()) {
+        return "modem " + (chosen->equipmentId.empty() ? chosen->deviceId : chosen->equipmentId) +
+               " on the modem manager is not enabled (state " + std::to_string(chosen->state) +
+               "; kivctl --modem-manager modem state 8 enables a simulated one)";
+    }
+    return "no modem " +
+           (mGlobals.modemManagerId.empty() ? std::to_string(mGlobals.instance) + " (by instance)"
+                                            : mGlobals.modemManagerId) +
+           " on the modem manager" +
+           (xalmm::busAddress().empty() ? "" : " at " + xalmm::busAddress()) +
+           " (kivctl --log tells why)";
+}
+
+std::string Session::nextNotHeld() {
+    if (mNotHeld) {
+        kiv::MutexLock guard(mNotHeld->lock);
+        if (!mNotHeld->values.empty()) {
+            std::string value = mNotHeld->values.front();
+            mNotHeld->values.pop_front();
+            return value;
+        }
+    }
+    return "a value (kivctl --log tells which)";
 }
 
 ProfileView Session::view(const std::shared_ptr<kiv::IProfileKey>& key, const nlohmann::json& table,

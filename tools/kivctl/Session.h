@@ -21,6 +21,11 @@ namespace kivctl {
 struct Globals {
     std::string statePath;    // the embedded modem's table
     std::string modemSocket;  // the modem service; empty: the embedded modem
+    // A modem of the modem manager instead: its equipment or device
+    // identifier (empty: by --instance), and the bus (empty: the system bus).
+    bool modemManager = false;
+    std::string modemManagerId;
+    std::string modemManagerBus;
     int instance = 0;
     bool json = false;
     bool log = false;
@@ -33,6 +38,7 @@ struct Globals {
 std::optional<std::string> defaultStatePath();
 
 class EmbeddedModem;
+struct NotHeldLog;
 
 class Session {
   public:
@@ -73,7 +79,8 @@ class Session {
 
     // One command to the modem; its refusal is the command's.
     nlohmann::json call(const nlohmann::json& command);
-    nlohmann::json status() { return call({{"op", "status"}}); }
+    // The modem's state: the service's status, or the modem manager's modem.
+    nlohmann::json status();
     // The modem's profiles, each as its settings (SettingsJson.h).
     nlohmann::json modemProfiles();
 
@@ -96,7 +103,14 @@ class Session {
   private:
     // Why a change could not be stored, from the system's error number.
     std::string storageReason(uint32_t systemError) const;
-    std::string describe(const FailedRequest& failed) const;
+    std::string describe(const FailedRequest& failed);
+    // The modem manager's modem: its state as the service's status says it.
+    nlohmann::json managerStatus();
+    // The next value the modem manager's modem could not hold, as its
+    // client logged it.
+    std::string nextNotHeld();
+    // Why there is no modem manager's modem to work on.
+    std::string noModem() const;
 
     Globals mGlobals;
     Secrets mSecrets;
@@ -109,6 +123,8 @@ class Session {
     std::map<int, std::shared_ptr<kiv::IProfileKey>> mHandles;
     std::map<int, std::string> mHandleApns;  // each handle's profile's APN when it was kept
     int mNextHandle = 1;
+    // What the modem manager's client said a modem could not hold, in order.
+    std::shared_ptr<NotHeldLog> mNotHeld;
 };
 
 }  // namespace kivctl

@@ -1,5 +1,6 @@
 #include "Watcher.h"
 
+#include "ClientChoice.h"
 #include "Output.h"
 #include "WdsNames.h"
 #include "common/Errors.h"
@@ -17,7 +18,7 @@ ChangeWatcher::ChangeWatcher(std::chrono::milliseconds timeout, RequestLedger& l
     if (xal_client_notifier_init(mService, &os, &mNotifier) != XAL_NO_ERR ||
         xal_client_register_notify_cb(mNotifier, onNotify, this) != XAL_NO_ERR || !connect()) {
         if (mNotifier != nullptr) xal_client_release(mNotifier);
-        throw Refused("cannot reach the modem service at " + xalremote::socketPath());
+        throw Refused("cannot reach " + client::where());
     }
 }
 
