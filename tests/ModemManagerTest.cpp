@@ -22,17 +22,6 @@ const std::string kCacheUpdate = "ProfileCache: updating cache due to indication
 
 class ModemManagerTest : public ModemManagerFixture {};
 
-// Waits until the condition holds (true) or 20 s have passed.
-template <typename Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
-
 // The behaviours a modem manager and its modem may have.
 class EachBehaviour : public ModemManagerFixture, public testing::WithParamInterface<const char*> {
   protected:

@@ -108,13 +108,11 @@ void Link::setLogSink(LogSink sink) {
 }
 
 void Link::log(int priority, const std::string& line) {
-    LogSink sink;
-    {
-        kiv::MutexLock lock(mLogLock);
-        sink = mLogSink;
-    }
-    if (sink) {
-        sink(priority, line);
+    // Called with the lock held: once setLogSink() returns, the sink it
+    // replaced is not running and is never called again.
+    kiv::MutexLock lock(mLogLock);
+    if (mLogSink) {
+        mLogSink(priority, line);
     } else {
         __android_log_write(priority, "xalmm", line.c_str());
     }
@@ -539,20 +537,26 @@ void Link::refresh() {
 
 void Link::compareLocked(const Table& now) {
     for (const auto& [index, profile] : mTable) {
-        if (now.count(index) == 0) announceLocked(index, WDS_PROFILE_EVENT_DELETE_V01);
+        if (now.count(index) != 0) continue;
+        log(ANDROID_LOG_INFO, "xalmm: profile " + std::to_string(index) + " was deleted");
+        announceLocked(index, WDS_PROFILE_EVENT_DELETE_V01);
     }
     for (const auto& [index, profile] : now) {
         auto before = mTable.find(index);
         if (before == mTable.end()) {
+            log(ANDROID_LOG_INFO, "xalmm: profile " + std::to_string(index) + " was created");
             // As the modem announces a new profile: created, then written.
             announceLocked(index, WDS_PROFILE_EVENT_CREATE_V01);
             announceLocked(index, WDS_PROFILE_EVENT_MODIFY_V01);
         } else if (before->second != profile) {
+            log(ANDROID_LOG_INFO, "xalmm: profile " + std::to_string(index) + " was changed");
             announceLocked(index, WDS_PROFILE_EVENT_MODIFY_V01);
         }
     }
     mTable = now;
-    mRecord.forgetMissing([&](int32_t index) { return now.count(index) != 0; });
+    if (auto failed = mRecord.forgetMissing([&](int32_t index) { return now.count(index) != 0; })) {
+        log(ANDROID_LOG_ERROR, "xalmm: " + *failed);
+    }
 }
 
 void Link::deliver() {

@@ -16,6 +16,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace xalmm {
 
@@ -41,17 +42,20 @@ class TemporaryRecord {
     android::base::Result<void> update(int32_t index, const std::optional<MadeProfile>& made);
     // Entries of indexes that are not in `present` (deleted profiles) are
     // dropped, in memory and, when there were any, in the file.
+    // Returns what could not be written, if anything.
     template <typename Present>
-    void forgetMissing(const Present& present) {
-        for (auto it = mEntries.begin(); it != mEntries.end();) {
-            if (present(it->first)) {
-                ++it;
-                continue;
-            }
-            const int32_t index = it->first;
-            ++it;
-            (void)update(index, std::nullopt);
+    std::optional<std::string> forgetMissing(const Present& present) {
+        // Collected first: an update reads the file again into the entries.
+        std::vector<int32_t> gone;
+        for (const auto& [index, made] : mEntries) {
+            if (!present(index)) gone.push_back(index);
         }
+        for (const int32_t index : gone) {
+            if (auto forgotten = update(index, std::nullopt); !forgotten.ok()) {
+                return forgotten.error().message();
+            }
+        }
+        return std::nullopt;
     }
 
   private:

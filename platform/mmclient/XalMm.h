@@ -46,7 +46,9 @@ void setPollInterval(std::chrono::milliseconds interval);
 // ~/.local/state/kivr).
 void setStateFolder(const std::string& folder);
 // Where this client's log lines go (default: the Android log, tag
-// "xalmm"), with their Android log priority.
+// "xalmm"), with their Android log priority. The sink is called on any of
+// the client's threads, one line at a time; once this returns, the sink it
+// replaced is never called again. It must not call into this client.
 using LogSink = std::function<void(int priority, const std::string& line)>;
 void setLogSink(LogSink sink);
 
