@@ -434,6 +434,12 @@ void Link::rescan() {
     }
 
     kiv::MutexLock lock(mLock);
+    if (error.kind == CallError::kTimeout && mModem) {
+        // A slow answer is not a modem gone: looked at again at the next poll.
+        log(ANDROID_LOG_WARN, "xalmm: the modem manager is slow to answer (" + error.describe() +
+                                      "); the modem stays as it was");
+        return;
+    }
     mChosen = error.ok() ? chosen : std::nullopt;
     if (!error.ok()) {
         downLocked("the modem manager cannot be reached (" + error.describe() + ")");
@@ -501,6 +507,7 @@ void Link::downLocked(const std::string& why) {
     log(ANDROID_LOG_WARN, "xalmm: the modem's data service is down: " + why);
     mModem.reset();
     mTable.clear();
+    mListedAt.reset();
     mReturning = true;
     for (auto& [id, client] : mClients) {
         if (client.notifier) {
@@ -529,7 +536,8 @@ void Link::refresh() {
     kiv::MutexLock lock(mLock);
     if (!error.ok()) {
         // Gone, or no longer enabled: where the modem stands is found out.
-        mNeedRescan = true;
+        // A slow answer is tried again at the next poll.
+        if (error.kind != CallError::kTimeout) mNeedRescan = true;
         return;
     }
     if (mModem && mModem->path == *path) compareLocked(tableOf(profiles));

@@ -193,6 +193,8 @@ class Link {
             EXCLUDES(mLock);
     xal_client_error_type refuse(void* response, uint32_t error, const std::string& why)
             EXCLUDES(mLock);
+    // The last table seen, when a List made it recently (Requests.cpp).
+    bool recentTable(Table& table) EXCLUDES(mLock);
     // The settings a profile reads as: the modem's, with what the record
     // knows (a temporary, a name the modem does not keep).
     mm::Settings readSettings(int32_t index, const mm::ProfileDict& profile) REQUIRES(mLock);
@@ -220,6 +222,8 @@ class Link {
     bool mReturning GUARDED_BY(mLock) = false;  // lost since clients last registered
     bool mSubscriptionChanged GUARDED_BY(mLock) = false;
     Table mTable GUARDED_BY(mLock);  // the last table seen
+    // When a request's List last gave it.
+    std::optional<std::chrono::steady_clock::time_point> mListedAt GUARDED_BY(mLock);
     TemporaryRecord mRecord GUARDED_BY(mLock);
 
     // The event thread's work.

@@ -15,7 +15,14 @@ namespace xalmm {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+
+// The settings of one profile are read from a List made this recently: a
+// reread of the whole table (a list, then every profile's settings) lists
+// once, not once per profile. A change since then is announced when it is
+// seen, and read again then.
+constexpr milliseconds kRecentList{1000};
 
 struct MessageSizes {
     unsigned int msgId;
@@ -269,8 +276,18 @@ xal_client_error_type Link::listTable(Table& table, void* response, milliseconds
     // What this read shows is what the modem holds: a change not yet
     // announced is announced now.
     kiv::MutexLock lock(mLock);
-    if (mModem && mModem->path == *path) compareLocked(table);
+    if (mModem && mModem->path == *path) {
+        compareLocked(table);
+        mListedAt = Clock::now();
+    }
     return XAL_NO_ERR;
+}
+
+bool Link::recentTable(Table& table) {
+    kiv::MutexLock lock(mLock);
+    if (!mModem || !mListedAt || Clock::now() - *mListedAt > kRecentList) return false;
+    table = mTable;
+    return true;
 }
 
 mm::Settings Link::readSettings(int32_t index, const mm::ProfileDict& profile) {
@@ -346,8 +363,10 @@ xal_client_error_type Link::serveSettings(const void* request, void* response,
     kiv::MutexLock calls(mCallLock);
     Table table;
     auto* out = static_cast<wds_get_profile_settings_resp_msg_v01*>(response);
-    const xal_client_error_type result = listTable(table, response, timeout);
-    if (result != XAL_NO_ERR || out->resp.result != 0) return result;
+    if (!recentTable(table)) {
+        const xal_client_error_type result = listTable(table, response, timeout);
+        if (result != XAL_NO_ERR || out->resp.result != 0) return result;
+    }
     auto it = table.find(r.profile.profile_index);
     if (it == table.end()) {
         return refuse(response, kErrInvalidProfile,
