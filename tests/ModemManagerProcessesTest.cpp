@@ -25,8 +25,8 @@ class ModemManagerProcessesTest : public ModemManagerFixture {
         return options;
     }
     Subprocess::Result kivctl(std::vector<std::string> args) {
-        args.insert(args.begin(), {KIVCTL_PATH, "--modem-manager", "--timeout", "20000"});
-        return Subprocess::run(args, "", kivctlOptions());
+        args.insert(args.begin(), {"--modem-manager", "--timeout", "20000"});
+        return Subprocess::run(program(KIVCTL_PATH, args), "", kivctlOptions());
     }
 };
 
@@ -35,9 +35,8 @@ TEST_F(ModemManagerProcessesTest, ConcurrentKivctlRunsLoseNothingAndShareOneReco
     std::vector<std::unique_ptr<Subprocess>> runs;
     for (int i = 1; i <= 12; ++i) {
         // Every other one a temporary, gone when its run ends.
-        std::vector<std::string> argv = {
-                KIVCTL_PATH, "--modem-manager",      "--timeout", "20000", "add",
-                "--apn",     "p" + std::to_string(i)};
+        auto argv = program(KIVCTL_PATH, {"--modem-manager", "--timeout", "20000", "--log", "add",
+                                          "--apn", "p" + std::to_string(i)});
         if (i % 2 == 0) argv.push_back("--temporary");
         runs.push_back(std::make_unique<Subprocess>(argv, kivctlOptions()));
     }
@@ -143,8 +142,7 @@ TEST_F(ModemManagerProcessesTest, KivctlEveryCommandOnTheModemManager) {
     EXPECT_NE(result.out.find("xcap"), std::string::npos) << result.out;
 
     auto watch = std::make_unique<Subprocess>(
-            std::vector<std::string>{KIVCTL_PATH, "--modem-manager", "--json", "watch", "--count",
-                                     "3"},
+            program(KIVCTL_PATH, {"--modem-manager", "--json", "watch", "--count", "3"}),
             kivctlOptions());
     ASSERT_TRUE(watch->waitForOutput("watching modem", 20s, /*fromError=*/true));
     result = kivctl({"add", "--apn", "watched.apn", "--ip", "v4"});

@@ -2,7 +2,8 @@
 // creates a profile for a data call on an APN, and prints the library's
 // dump. Linked with libkivr's simulated modem (xalsim) it runs on a modem in
 // its own process; linked with the modem service's client (xalremote), on
-// the kivmodemd named by KIVR_MODEM.
+// the kivmodemd named by KIVR_MODEM; linked with the modem manager's client
+// (xalmm), on a modem of the modem manager.
 #include <Manager.h>
 #include <Util.h>
 #include <xal/xal_host.h>
@@ -15,11 +16,12 @@ int main(int argc, char** argv) {
     // The library logs to the Android log (on a Linux host: standard error).
     manager.init(/*param=*/0, /*adbLog=*/true);
 
-    // The library reaches the modem in the background. Both host messaging
+    // The library reaches the modem in the background. The host messaging
     // clients say when it has (on a device, the platform's service notifier
     // does): wait for that, then read the table.
     if (xal_host_wait_for_registration(/*timeout_msecs=*/5000) == 0) {
-        std::cerr << "the modem cannot be reached (is kivmodemd running, and KIVR_MODEM set?)\n";
+        std::cerr << "the modem cannot be reached (is kivmodemd running and KIVR_MODEM set, or the "
+                     "modem manager's modem there?)\n";
         return 1;
     }
     manager.refresh(kiv::PDC_REFRESH_COMPLETED);

@@ -42,6 +42,18 @@ inline size_t lines(const std::string& text) {
     return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
+// A command line for one of the project's programs, under the emulator the
+// tests run under when they were cross-built.
+inline std::vector<std::string> program(const std::string& path,
+                                        std::vector<std::string> args = {}) {
+    std::vector<std::string> argv;
+    std::istringstream emulator(KIVR_EMULATOR);
+    for (std::string word; emulator >> word;) argv.push_back(word);
+    argv.push_back(path);
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
 class ModemManagerFixture : public testing::Test {
   protected:
     static constexpr const char* kProfileManager =
@@ -87,7 +99,7 @@ class ModemManagerFixture : public testing::Test {
 
     // Starts kivmmd on the bus; returns once it serves.
     void startDaemon(std::vector<std::string> options = {}) {
-        std::vector<std::string> argv = {KIVMMD_PATH, "--bus", address};
+        auto argv = program(KIVMMD_PATH, {"--bus", address});
         argv.insert(argv.end(), options.begin(), options.end());
         daemonOptions = options;
         Subprocess::Options run;
