@@ -22,14 +22,27 @@ const std::string kCacheUpdate = "ProfileCache: updating cache due to indication
 
 class ModemManagerTest : public ModemManagerFixture {};
 
-// The behaviours a modem manager and its modem may have.
-class EachBehaviour : public ModemManagerFixture, public testing::WithParamInterface<const char*> {
+// The behaviours a modem manager and its modem may have: its version, an
+// AT-command modem, a modem that only clears a slot on delete.
+struct Behaviour {
+    const char* name;
+    const char* version;
+    bool clearsSlots;
+};
+
+class EachBehaviour : public ModemManagerFixture, public testing::WithParamInterface<Behaviour> {
   protected:
-    bool keepsEverything() const { return std::string(GetParam()) != "at"; }
+    bool keepsEverything() const { return version() != "at"; }
+    std::string version() const { return GetParam().version; }
+    void startDaemon() {
+        std::vector<std::string> options = {"--behaviour", version()};
+        if (GetParam().clearsSlots) options.push_back("--delete-clears-slot");
+        ModemManagerFixture::startDaemon(options);
+    }
 };
 
 TEST_P(EachBehaviour, LibraryLifeAddModifyDeleteWithTheirEchoes) {
-    startDaemon({"--behaviour", GetParam()});
+    startDaemon();
     startLibrary();
     // The factory's 3GPP profiles; the modem manager keeps no 3GPP2 ones.
     EXPECT_EQ(Manager::getInstance().filter(FilterProfileParams()).size(), 3u);
@@ -73,9 +86,9 @@ TEST_P(EachBehaviour, LibraryLifeAddModifyDeleteWithTheirEchoes) {
 TEST_P(EachBehaviour, IndependentClientsChangesArriveAsForeignChanges) {
     // 1.20 announces every change; 1.24 holds back what was done through
     // it and AT modems announce nothing: there the table is polled.
-    const bool announced = std::string(GetParam()) == "1.20";
+    const bool announced = version() == "1.20";
     xalmm::setPollInterval(announced ? 0ms : 100ms);
-    startDaemon({"--behaviour", GetParam()});
+    startDaemon();
     startLibrary();
     const std::string path = modemPath();
 
@@ -110,7 +123,7 @@ TEST_P(EachBehaviour, IndependentClientsChangesArriveAsForeignChanges) {
 }
 
 TEST_P(EachBehaviour, TemporariesReclaimedAfterAReread) {
-    startDaemon({"--behaviour", GetParam()});
+    startDaemon();
     startLibrary();
     auto temporary = add("left.behind", false);
     auto kept = add("kept.apn", true);
@@ -133,7 +146,7 @@ TEST_P(EachBehaviour, TemporariesReclaimedAfterAReread) {
 }
 
 TEST_P(EachBehaviour, PolicyHelpersFindOrCreateOnce) {
-    startDaemon({"--behaviour", GetParam()});
+    startDaemon();
     startLibrary();
     Util util;
     ProfileParams attach;
@@ -345,12 +358,27 @@ TEST_F(ModemManagerTest, NoAnswerWithinTheTimeOutIsATimeOutAndTheChangeArrivesLa
     EXPECT_TRUE(eventually([] { return byApn("late.apn").size() == 1; }));
 }
 
-INSTANTIATE_TEST_SUITE_P(ModemManager, EachBehaviour, testing::Values("1.20", "1.24", "at"),
-                         [](const testing::TestParamInfo<const char*>& info) {
-                             const std::string name = info.param;
-                             return name == "at" ? std::string("AtModem")
-                                                 : "V" + name.substr(0, 1) + name.substr(2);
+INSTANTIATE_TEST_SUITE_P(ModemManager, EachBehaviour,
+                         testing::Values(Behaviour{"V120", "1.20", false},
+                                         Behaviour{"V124", "1.24", false},
+                                         Behaviour{"AtModem", "at", false},
+                                         Behaviour{"V120ClearingSlots", "1.20", true}),
+                         [](const testing::TestParamInfo<Behaviour>& info) {
+                             return std::string(info.param.name);
                          });
+
+// 1.24 sends at most one Updated per 2 s: a second change within them is
+// announced when they are over, and neither is lost, without polling.
+TEST_F(ModemManagerTest, ThrottledUpdatesLoseNoChange) {
+    xalmm::setPollInterval(0ms);
+    startDaemon({"--behaviour", "1.24"});
+    startLibrary();
+    for (const char* apn : {"first.change", "second.change"}) {
+        control("Change", {"sa{sv}b", kModem, "2", "apn", "s", apn, "ip-type", "u", "1", "true"});
+    }
+    EXPECT_TRUE(eventually([] { return byApn("first.change").size() == 1; })) << clientLogText();
+    EXPECT_TRUE(eventually([] { return byApn("second.change").size() == 1; })) << clientLogText();
+}
 
 }  // namespace
 }  // namespace kiv

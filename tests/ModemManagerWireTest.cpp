@@ -116,5 +116,44 @@ TEST_F(ModemManagerWireTest, ServedObjectsMatchThePublishedInterfaceFiles) {
     EXPECT_GE(checked, 25u);
 }
 
+// The modem manager's own command-line client and GLib's, each a client of
+// the interface as the modem manager's users have them, drive the simulated
+// one; the library sees their changes as another program's.
+TEST_F(ModemManagerWireTest, MmcliAndGdbusDriveItAndTheLibrarySeesTheirChanges) {
+    startDaemon();
+    startLibrary();
+    Subprocess::Options onTheBus;
+    onTheBus.environment = {"DBUS_SYSTEM_BUS_ADDRESS=" + address};
+    const std::string path = modemPath();
+
+    auto result = Subprocess::run({"gdbus", "call", "--address", address, "--dest",
+                                   "org.freedesktop.ModemManager1", "--object-path", path,
+                                   "--method", std::string(kProfileManager) + ".Set",
+                                   "{'apn': <'from.gdbus'>, 'ip-type': <uint32 2>}"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    ASSERT_TRUE(eventually([] { return byApn("from.gdbus").size() == 1; })) << clientLogText();
+    EXPECT_EQ(Manager::getInstance().getProfile(byApn("from.gdbus").front())->getHomeIPType(),
+              IPType::V6);
+
+    if (Subprocess::run({"sh", "-c", "command -v mmcli"}).status != 0) {
+        GTEST_SKIP() << "mmcli is not installed (Debian: modemmanager); gdbus and busctl drove "
+                        "the simulated modem manager";
+    }
+    result = Subprocess::run({"mmcli", "-m", "any", "--3gpp-profile-manager-list"}, "", onTheBus);
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("apn: internet"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("apn: from.gdbus"), std::string::npos) << result.out;
+    result = Subprocess::run(
+            {"mmcli", "-m", "any", "--3gpp-profile-manager-set=apn=from.mmcli,ip-type=ipv4"}, "",
+            onTheBus);
+    ASSERT_EQ(result.status, 0) << result.err;
+    ASSERT_TRUE(eventually([] { return byApn("from.mmcli").size() == 1; })) << clientLogText();
+    const std::string index = std::to_string(byApn("from.mmcli").front()->getProfileId());
+    result = Subprocess::run({"mmcli", "-m", "any", "--3gpp-profile-manager-delete=" + index}, "",
+                             onTheBus);
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(eventually([] { return byApn("from.mmcli").empty(); }));
+}
+
 }  // namespace
 }  // namespace kiv
