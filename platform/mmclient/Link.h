@@ -24,6 +24,7 @@
 // never taken with mLock held.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -92,9 +93,12 @@ class Link {
     xal_client_error_type registerError(xal_client_type handle, xal_client_error_cb callback,
                                         void* data) EXCLUDES(mLock);
     bool isLive(xal_client_type handle) EXCLUDES(mLock);
-    xal_client_error_type send(xal_client_type handle, unsigned int msgId, const void* request,
-                               unsigned int requestLength, void* response,
-                               unsigned int responseLength, unsigned int timeoutMs)
+    // The largest request of the interface: a modify (or a create).
+    static constexpr size_t kMostRequest = std::max(sizeof(wds_modify_profile_settings_req_msg_v01),
+                                                    sizeof(wds_create_profile_req_msg_v01));
+    xal_client_error_type sendSync(xal_client_type handle, unsigned int msgId, const void* request,
+                                   unsigned int requestLength, void* response,
+                                   unsigned int responseLength, unsigned int timeoutMs)
             EXCLUDES(mLock, mCallLock);
     xal_client_error_type release(xal_client_type handle) EXCLUDES(mLock);
     void setRequestHook(wire::RequestHook hook) EXCLUDES(mLock);

@@ -88,9 +88,10 @@ std::string quote(const std::string& text) {
 
 }  // namespace
 
-xal_client_error_type Link::send(xal_client_type handle, unsigned int msgId, const void* request,
-                                 unsigned int requestLength, void* response,
-                                 unsigned int responseLength, unsigned int timeoutMs) {
+xal_client_error_type Link::sendSync(xal_client_type handle, unsigned int msgId,
+                                     const void* request, unsigned int requestLength,
+                                     void* response, unsigned int responseLength,
+                                     unsigned int timeoutMs) {
     wire::RequestHook hook;
     {
         kiv::MutexLock lock(mLock);

@@ -89,6 +89,8 @@ class Transport {
     // The process's one transport, made on first use and never destroyed
     // (clients may still be released while the process exits).
     static Transport& instance();
+    // A request travels in one message, after the header and three words.
+    static constexpr size_t kMostRequest = wire::kMaxMessage - wire::kHeaderSize - 12;
 
     // A service named anew is another service: no client of this process
     // is returning to it.
