@@ -138,6 +138,7 @@ Result<void> ModemManagerSim::start(const std::string& address) {
                                  this);
     if (r < 0) return Error(-r) << "cannot export the control object";
     r = sd_bus_request_name(mControlBus, kControlBusName, 0);
+    if (r == -EEXIST) return Error() << "another kivmmd serves this bus already";
     if (r < 0) return Error(-r) << "cannot take the name " << kControlBusName;
     return openManagerBus();
 }
@@ -156,8 +157,10 @@ Result<sd_bus*> ModemManagerSim::openBus() {
     if (r >= 0) r = sd_bus_attach_event(bus, mEvent, 0);
     if (r < 0) {
         sd_bus_flush_close_unref(bus);
-        return Error(-r) << "cannot connect to the bus"
-                         << (mAddress.empty() ? std::string() : " at " + mAddress);
+        return Error(-r) << "cannot connect to "
+                         << (mAddress.empty()
+                                     ? std::string("the system bus (--bus ADDRESS names one)")
+                                     : "the bus at " + mAddress);
     }
     return bus;
 }
@@ -188,6 +191,7 @@ Result<void> ModemManagerSim::openManagerBus() {
     if (r >= 0) r = sd_bus_request_name(mManagerBus, mm::kBusName, 0);
     if (r < 0) {
         closeManagerBus();
+        if (r == -EEXIST) return Error() << "a modem manager serves this bus already";
         return Error(-r) << "cannot serve " << mm::kBusName;
     }
     return {};

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "common/Arguments.h"
+#include "common/DaemonLog.h"
 #include "common/Errors.h"
 #include "mmsim/ModemManagerSim.h"
 #include "sim/StateFile.h"
@@ -53,18 +54,11 @@ Exit status: 0 stopped, 1 could not start, 2 bad options or state file.
 )";
 
 void logLine(const std::string& line) {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    char stamp[32];
-    strftime(stamp, sizeof(stamp), "%T", &local);
-    fprintf(stderr, "kivmmd %s.%03ld: %s\n", stamp, now.tv_nsec / 1000000, line.c_str());
+    kivctl::logLine("kivmmd", line);
 }
 
 int fail(int status, const std::string& why) {
-    fprintf(stderr, "kivmmd: %s\n", why.c_str());
-    return status;
+    return kivctl::fail("kivmmd", status, why);
 }
 
 std::optional<mmsim::Behaviour> behaviourNamed(const std::string& name) {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "common/Arguments.h"
+#include "common/DaemonLog.h"
 #include "common/Errors.h"
 #include "service/ModemServer.h"
 #include "sim/StateFile.h"
@@ -43,18 +44,11 @@ Exit status: 0 stopped, 1 could not start, 2 bad options or state file.
 )";
 
 void logLine(const std::string& line) {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    char stamp[32];
-    strftime(stamp, sizeof(stamp), "%T", &local);
-    fprintf(stderr, "kivmodemd %s.%03ld: %s\n", stamp, now.tv_nsec / 1000000, line.c_str());
+    kivctl::logLine("kivmodemd", line);
 }
 
 int fail(int status, const std::string& why) {
-    fprintf(stderr, "kivmodemd: %s\n", why.c_str());
-    return status;
+    return kivctl::fail("kivmodemd", status, why);
 }
 
 }  // namespace
