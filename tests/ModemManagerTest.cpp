@@ -272,6 +272,17 @@ TEST_F(ModemManagerTest, TwoModemsChosenByIdentifierOrByInstance) {
     }));
 }
 
+TEST_F(ModemManagerTest, WithNoModemNamedTheInstancePicksOneInTheirIdentifiersOrder) {
+    startDaemon({"--modems", "3"});
+    diag_host_set_sink([](const msg_desc_type*, const char*, void*) {}, nullptr);
+    Manager::getInstance().init(/*instance=*/2, true);
+    ASSERT_TRUE(eventually([] {
+        auto modem = xalmm::currentModem();
+        return modem && modem->equipmentId == "356938035643802";
+    })) << clientLogText();
+    ASSERT_TRUE(xalmm::waitForRegisteredClients(1, 20s)) << clientLogText();
+}
+
 TEST_F(ModemManagerTest, RefusalsAndValuesTheModemCannotHoldFailWithTheirReason) {
     startDaemon({"--capacity", "5"});
     startLibrary();
