@@ -283,6 +283,28 @@ TEST_F(ModemManagerTest, WithNoModemNamedTheInstancePicksOneInTheirIdentifiersOr
     ASSERT_TRUE(xalmm::waitForRegisteredClients(1, 20s)) << clientLogText();
 }
 
+// A profile may have an empty APN (the network gives one at attach); a slot
+// a delete only cleared has nothing at all and is no profile.
+TEST_F(ModemManagerTest, EmptyApnIsAProfileAClearedSlotIsNot) {
+    startDaemon({"--delete-clears-slot"});
+    startLibrary();
+    ProfileParams params;
+    params.setApnName("");
+    params.setHomeIPType(IPType::V4V6);
+    params.setRoamIPType(IPType::V4V6);
+    auto empty = add(params, true);
+    ASSERT_TRUE(empty) << clientLogText();
+    settle();
+    EXPECT_EQ(byApn("").size(), 1u);
+    EXPECT_TRUE(Manager::getInstance().getProfile(empty));
+    EXPECT_TRUE(Manager::getInstance().deleteProfile(empty));
+    settle();
+    EXPECT_TRUE(byApn("").empty());
+    const auto listed =
+            busctl({"call", "org.freedesktop.ModemManager1", modemPath(), kProfileManager, "List"});
+    EXPECT_NE(listed.out.find("\"profile-id\" i 4"), std::string::npos) << "not only cleared";
+}
+
 TEST_F(ModemManagerTest, RefusalsAndValuesTheModemCannotHoldFailWithTheirReason) {
     startDaemon({"--capacity", "5"});
     startLibrary();

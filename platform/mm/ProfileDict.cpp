@@ -202,8 +202,12 @@ std::optional<int32_t> profileIndex(const ProfileDict& dict) {
 }
 
 bool isClearedSlot(const ProfileDict& dict) {
+    // A profile may have an empty APN (the network gives one at attach);
+    // a cleared slot has nothing else either: no name, IP type or types.
     const auto apn = get<std::string>(dict, "apn");
-    return !apn || apn->empty();
+    const auto name = get<std::string>(dict, "profile-name");
+    return (!apn || apn->empty()) && (!name || name->empty()) && dict.count("ip-type") == 0 &&
+           get<uint32_t>(dict, "apn-type").value_or(0) == 0;
 }
 
 Settings settingsFromDict(const ProfileDict& dict) {

@@ -30,8 +30,9 @@ char keyType(const std::string& key);
 // Every key known and of its type; else which one is not.
 android::base::Result<void> checkDict(const ProfileDict& dict);
 std::optional<int32_t> profileIndex(const ProfileDict& dict);
-// A slot listed with no APN, as modems that only clear a slot on delete
-// list it: no profile in effect.
+// A slot listed with nothing in it (no APN, name, IP type or APN types), as
+// modems that only clear a slot on delete list it: no profile in effect. A
+// profile with an empty APN and anything else is a profile.
 bool isClearedSlot(const ProfileDict& dict);
 
 // The settings a stored profile's dictionary gives. Fields it has no key

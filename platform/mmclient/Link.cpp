@@ -237,6 +237,19 @@ std::optional<ModemInfo> Link::modem() {
     return ModemInfo{mModem->path, mModem->equipmentId, mModem->deviceId, mSim, mModem->state};
 }
 
+void Link::setInstance(uint32_t instance) {
+    kiv::MutexLock lock(mLock);
+    if (instance == mInstance) return;
+    mInstance = instance;
+    mNeedRescan = true;
+    wake();
+}
+
+std::string Link::whyNoModem() {
+    kiv::MutexLock lock(mLock);
+    return mModem ? std::string() : mProblem;
+}
+
 std::optional<ModemInfo> Link::chosen() {
     kiv::MutexLock lock(mLock);
     if (!mChosen) return std::nullopt;
@@ -268,12 +281,15 @@ bool Link::waitForRegistered(size_t count, milliseconds timeout) {
     });
 }
 
-bool Link::sync(milliseconds timeout) {
+bool Link::sync(milliseconds timeout, bool listAgain) {
     const auto deadline = Clock::now() + timeout;
     kiv::MutexLock lock(mLock);
     if (std::this_thread::get_id() == mEventThread) return false;
     startLocked();
     const uint64_t asked = ++mSyncAsked;
+    // A table listed within the last second is taken as the modem's.
+    const bool recent = mModem && mListedAt && Clock::now() - *mListedAt <= kRecentList;
+    if (listAgain || !recent) mListAsked = asked;
     wake();
     return lock.waitUntil(mChanged, deadline, [&]() REQUIRES(mLock) { return mSyncDone >= asked; });
 }
@@ -360,7 +376,7 @@ void Link::run() {
             std::swap(rescanNow, mNeedRescan);
             std::swap(refreshNow, mNeedRefresh);
             syncAsked = mSyncAsked;
-            if (syncAsked > mSyncDone) refreshNow = true;
+            if (mListAsked > mSyncDone) refreshNow = true;
             if (settings.pollInterval.count() > 0 && Clock::now() >= nextPoll) {
                 (mModem ? refreshNow : rescanNow) = true;
             }
@@ -418,7 +434,7 @@ void Link::rescan() {
     if (!mCalls.isOpen()) {
         if (auto connected = mCalls.connect(address); !connected.ok()) {
             kiv::MutexLock lock(mLock);
-            downLocked(connected.error().message());
+            noModemLocked(connected.error().message());
             return;
         }
     }
@@ -442,17 +458,18 @@ void Link::rescan() {
     }
     mChosen = error.ok() ? chosen : std::nullopt;
     if (!error.ok()) {
-        downLocked("the modem manager cannot be reached (" + error.describe() + ")");
+        noModemLocked("the modem manager cannot be reached (" + error.describe() + ")");
         if (error.kind == CallError::kGone) mCalls.close();
         return;
     }
     if (!chosen) {
-        downLocked(wanted.empty() ? "no modem " + std::to_string(instance) : "no modem " + wanted);
+        noModemLocked(wanted.empty() ? "no modem " + std::to_string(instance)
+                                     : "no modem " + wanted);
         return;
     }
     if (chosen->state < mm::kStateEnabled) {
-        downLocked("modem " + chosen->path + " is not enabled (state " +
-                   std::to_string(chosen->state) + ")");
+        noModemLocked("modem " + chosen->path + " is not enabled (state " +
+                      std::to_string(chosen->state) + ")");
         return;
     }
     if (mModem && mModem->path == chosen->path) {
@@ -464,7 +481,7 @@ void Link::rescan() {
         compareLocked(tableOf(profiles));
         return;
     }
-    if (mModem) downLocked("the modem moved to " + chosen->path);
+    if (mModem) noModemLocked("the modem moved to " + chosen->path);
     upLocked(*chosen, sim, tableOf(profiles), folder);
 }
 
@@ -493,6 +510,8 @@ void Link::upLocked(const ModemObject& modem, const std::string& sim, Table tabl
     if (auto loaded = mRecord.load(); !loaded.ok()) {
         log(ANDROID_LOG_ERROR, "xalmm: " + loaded.error().message());
     }
+    // Entries of profiles no longer there, or replaced, from before.
+    forgetStaleLocked();
     log(ANDROID_LOG_INFO, "xalmm: modem " + identity + " is up at " + modem.path);
     for (auto& [id, client] : mClients) {
         if (client.notifier && client.notify != nullptr) {
@@ -500,6 +519,11 @@ void Link::upLocked(const ModemObject& modem, const std::string& sim, Table tabl
         }
     }
     mChanged.notify_all();
+}
+
+void Link::noModemLocked(const std::string& why) {
+    mProblem = why;
+    downLocked(why);
 }
 
 void Link::downLocked(const std::string& why) {
@@ -540,7 +564,10 @@ void Link::refresh() {
         if (error.kind != CallError::kTimeout) mNeedRescan = true;
         return;
     }
-    if (mModem && mModem->path == *path) compareLocked(tableOf(profiles));
+    if (mModem && mModem->path == *path) {
+        compareLocked(tableOf(profiles));
+        mListedAt = Clock::now();
+    }
 }
 
 void Link::compareLocked(const Table& now) {
@@ -561,10 +588,26 @@ void Link::compareLocked(const Table& now) {
             announceLocked(index, WDS_PROFILE_EVENT_MODIFY_V01);
         }
     }
-    mTable = now;
-    if (auto failed = mRecord.forgetMissing([&](int32_t index) { return now.count(index) != 0; })) {
-        log(ANDROID_LOG_ERROR, "xalmm: " + *failed);
+    if (now != mTable) {
+        // Another process of this library may have recorded its change.
+        if (auto loaded = mRecord.load(); !loaded.ok()) {
+            log(ANDROID_LOG_ERROR, "xalmm: " + loaded.error().message());
+        }
     }
+    mTable = now;
+    forgetStaleLocked();
+}
+
+void Link::forgetStaleLocked() {
+    auto failed = mRecord.forgetStale([&](int32_t index, const MadeProfile& made) {
+        auto it = mTable.find(index);
+        if (it == mTable.end()) return false;
+        auto apn = it->second.find("apn");
+        const auto* text =
+                apn == it->second.end() ? nullptr : std::get_if<std::string>(&apn->second);
+        return (text == nullptr ? std::string() : *text) == made.apn;
+    });
+    if (failed) log(ANDROID_LOG_ERROR, "xalmm: " + *failed);
 }
 
 void Link::deliver() {

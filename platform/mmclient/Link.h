@@ -63,6 +63,12 @@ struct ModemInfo {
     int32_t state = 0;
 };
 
+// The settings of one profile are read from a List made this recently: a
+// reread of the whole table (a list, then every profile's settings) lists
+// once, not once per profile. A change since then is announced when it is
+// seen, and read again then.
+inline constexpr std::chrono::milliseconds kRecentList{1000};
+
 // A client's handle is a number of this library's, never a pointer, and
 // never given twice.
 inline xal_client_type toHandle(uintptr_t id) {
@@ -113,7 +119,13 @@ class Link {
     bool waitForRegistered(size_t count, std::chrono::milliseconds timeout) EXCLUDES(mLock);
     // The table compared with the modem's now, and every event so far
     // delivered (true), or the time-out.
-    bool sync(std::chrono::milliseconds timeout) EXCLUDES(mLock);
+    // `listAgain`: the table is listed now; else a table listed within the
+    // last second will do.
+    bool sync(std::chrono::milliseconds timeout, bool listAgain = true) EXCLUDES(mLock);
+    // The instance used when no modem is named (until the library binds one).
+    void setInstance(uint32_t instance) EXCLUDES(mLock);
+    // Why there is no modem up: empty while one is.
+    std::string whyNoModem() EXCLUDES(mLock);
     // The modem's profiles as this client reads them.
     android::base::Result<std::vector<std::pair<uint8_t, mm::Settings>>> profiles(
             std::chrono::milliseconds timeout) EXCLUDES(mLock, mCallLock);
@@ -165,8 +177,12 @@ class Link {
     // modem's records cannot number, left out).
     static Table tableOf(const std::vector<mm::ProfileDict>& profiles);
     void downLocked(const std::string& why) REQUIRES(mLock);
+    // No modem to bring up, for this reason.
+    void noModemLocked(const std::string& why) REQUIRES(mLock);
     // Announces the differences between the last table seen and `now`.
     void compareLocked(const Table& now) REQUIRES(mLock);
+    // The record's entries whose profile is gone or replaced, dropped.
+    void forgetStaleLocked() REQUIRES(mLock);
     void deliver() EXCLUDES(mLock);
     void wake();
 
@@ -236,6 +252,8 @@ class Link {
     bool mNeedRefresh GUARDED_BY(mLock) = false;
     uint64_t mSyncAsked GUARDED_BY(mLock) = 0;
     uint64_t mSyncDone GUARDED_BY(mLock) = 0;
+    uint64_t mListAsked GUARDED_BY(mLock) = 0;  // the last sync that lists again
+    std::string mProblem GUARDED_BY(mLock) = "the modem manager not looked at yet";
     std::deque<Delivery> mDeliveries GUARDED_BY(mLock);
     uintptr_t mDelivering GUARDED_BY(mLock) = 0;
     std::thread::id mEventThread GUARDED_BY(mLock);

@@ -18,12 +18,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// The settings of one profile are read from a List made this recently: a
-// reread of the whole table (a list, then every profile's settings) lists
-// once, not once per profile. A change since then is announced when it is
-// seen, and read again then.
-constexpr milliseconds kRecentList{1000};
-
 struct MessageSizes {
     unsigned int msgId;
     size_t request;
@@ -310,7 +304,8 @@ android::base::Result<std::vector<std::pair<uint8_t, mm::Settings>>> Link::profi
     kiv::MutexLock calls(mCallLock);
     wds_get_profile_list_resp_msg_v01 response = {};
     Table table;
-    const xal_client_error_type result = listTable(table, &response, timeout);
+    const xal_client_error_type result =
+            recentTable(table) ? XAL_NO_ERR : listTable(table, &response, timeout);
     if (result != XAL_NO_ERR || response.resp.result != 0) {
         return android::base::Error() << "the modem manager's table cannot be read ("
                                       << (result == XAL_TIMEOUT_ERR   ? "no answer in time"

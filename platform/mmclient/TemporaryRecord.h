@@ -40,15 +40,15 @@ class TemporaryRecord {
     // the file is read again first, so that no other process's entry is
     // lost. On failure nothing changed.
     android::base::Result<void> update(int32_t index, const std::optional<MadeProfile>& made);
-    // Entries of indexes that are not in `present` (deleted profiles) are
-    // dropped, in memory and, when there were any, in the file.
-    // Returns what could not be written, if anything.
-    template <typename Present>
-    std::optional<std::string> forgetMissing(const Present& present) {
+    // Entries for which `holds(index, entry)` is false (the profile deleted,
+    // or another in its place) are dropped, in memory and, when there were
+    // any, in the file. Returns what could not be written, if anything.
+    template <typename Holds>
+    std::optional<std::string> forgetStale(const Holds& holds) {
         // Collected first: an update reads the file again into the entries.
         std::vector<int32_t> gone;
         for (const auto& [index, made] : mEntries) {
-            if (!present(index)) gone.push_back(index);
+            if (!holds(index, made)) gone.push_back(index);
         }
         for (const int32_t index : gone) {
             if (auto forgotten = update(index, std::nullopt); !forgotten.ok()) {

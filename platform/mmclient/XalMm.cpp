@@ -66,6 +66,18 @@ bool sync(std::chrono::milliseconds timeout) {
     return Link::instance().sync(timeout);
 }
 
+bool settle(std::chrono::milliseconds timeout) {
+    return Link::instance().sync(timeout, /*listAgain=*/false);
+}
+
+void setInstance(uint32_t instance) {
+    Link::instance().setInstance(instance);
+}
+
+std::string whyNoModem() {
+    return Link::instance().whyNoModem();
+}
+
 android::base::Result<std::vector<std::pair<uint8_t, wds_get_profile_settings_resp_msg_v01>>>
 profiles(std::chrono::milliseconds timeout) {
     return Link::instance().profiles(timeout);

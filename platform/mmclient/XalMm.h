@@ -86,6 +86,15 @@ bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout);
 // and returns once every event so far has been delivered (true), or at the
 // time-out. Not from a callback.
 bool sync(std::chrono::milliseconds timeout);
+// The same, taking a table listed within the last second as the modem's:
+// every event so far delivered, without listing again each time.
+bool settle(std::chrono::milliseconds timeout);
+// The instance that picks the modem when none is named, until the library
+// binds one (Manager::init's).
+void setInstance(uint32_t instance);
+// Why no modem is up (the bus cannot be reached, no such modem, not
+// enabled, ...); empty while one is.
+std::string whyNoModem();
 // The modem's profiles as this client reads them (the record of
 // temporaries and of names the modem does not keep applied), by index.
 android::base::Result<std::vector<std::pair<uint8_t, wds_get_profile_settings_resp_msg_v01>>>

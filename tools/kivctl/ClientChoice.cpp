@@ -37,7 +37,7 @@ bool waitForRegisteredClients(size_t count, std::chrono::milliseconds timeout) {
 }
 
 bool sync(std::chrono::milliseconds timeout) {
-    return inUse() == Kind::kModemManager ? xalmm::sync(timeout) : xalremote::sync(timeout);
+    return inUse() == Kind::kModemManager ? xalmm::settle(timeout) : xalremote::sync(timeout);
 }
 
 void setRequestHook(wire::RequestHook hook) {

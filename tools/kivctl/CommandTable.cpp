@@ -205,7 +205,13 @@ const std::vector<Command>& commandTable() {
                             "  send raw MESSAGE-ID HEX   any bytes as an indication\n"
                             "Faults and indications reach every client of the modem service; on "
                             "kivctl's\n"
-                            "own modem they last for the command (or the shell).\n")
+                            "own modem they last for the command (or the shell).\n"
+                            "With --modem-manager: status, and on the simulated modem manager "
+                            "(kivmmd)\n"
+                            "daemon-gone, daemon-back, reexport, swap-sim ICCID, state N,\n"
+                            "connected ID on|off, fail METHOD [COUNT [ERROR]], delay METHOD MS "
+                            "[COUNT]\n"
+                            "(tools/kivmmd/README.md).\n")
                     .arguments(1, 5)
                     .withoutLibrary()
                     .runs(&ModemCommands::modem),

@@ -84,7 +84,7 @@ CommandLine split(const std::vector<std::string>& words) {
     const char* manager = getenv("KIVR_MODEM_MANAGER");
     if (auto id = args.value("--modem-manager")) {
         g.modemManager = true;
-        g.modemManagerId = *id;
+        g.modemManagerId = *id == "any" ? "" : *id;
     } else if (manager != nullptr && manager[0] != '\0' && !args.has("--modem") &&
                !args.has("--modem-state")) {
         g.modemManager = true;
@@ -150,7 +150,7 @@ int run(const std::vector<std::string>& words, std::istream& in, std::ostream& o
             printHelp(out, globals.json, *text);
             return kOk;
         }
-        if (globals.modemSocket.empty() && globals.statePath.empty()) {
+        if (globals.modemSocket.empty() && globals.statePath.empty() && !globals.modemManager) {
             auto path = defaultStatePath();
             if (!path) {
                 throw UsageError(

@@ -113,6 +113,15 @@ std::string ManagerControl::run(const std::string& modem, const std::vector<std:
     }
     if (action == "fail") {
         arguments(1, 3, "needs a method (List, Set or Delete), then a count and an error name");
+        if (words[1] != "List" && words[1] != "Set" && words[1] != "Delete") {
+            throw UsageError("modem fail: " + quote(words[1]) +
+                             " is not a profile manager method (List, Set or Delete)");
+        }
+        if (words.size() > 3 && !sd_bus_interface_name_is_valid(words[3].c_str())) {
+            throw UsageError("modem fail: " + quote(words[3]) +
+                             " is not a D-Bus error name (like "
+                             "org.freedesktop.ModemManager1.Error.Core.Failed)");
+        }
         const int count = words.size() > 2 ? parseNumber(words[2], "a count", 1, 1000) : 1;
         const std::string error =
                 words.size() > 3 ? words[3] : "org.freedesktop.ModemManager1.Error.Core.Failed";
@@ -124,6 +133,10 @@ std::string ManagerControl::run(const std::string& modem, const std::vector<std:
     }
     if (action == "delay") {
         arguments(2, 3, "needs a method and a delay in ms, then a count");
+        if (words[1] != "List" && words[1] != "Set" && words[1] != "Delete") {
+            throw UsageError("modem delay: " + quote(words[1]) +
+                             " is not a profile manager method (List, Set or Delete)");
+        }
         const int delay = parseNumber(words[2], "a delay", 0, 600000);
         const int count = words.size() > 3 ? parseNumber(words[3], "a count", 1, 1000) : 1;
         call(mAddress, "DelayNext", [&](sd_bus_message* m) {

@@ -114,16 +114,18 @@ int ProfileCommands::dump(const Arguments&) {
 
 int ProfileCommands::reclaim(const Arguments& args) {
     const bool dryRun = args.has("--dry-run");
-    if (!mGlobals.modemSocket.empty()) {
-        // Other processes on the service may still hold what it would take.
+    if (!mGlobals.modemSocket.empty() || mGlobals.modemManager) {
+        // Other processes on the modem may still hold what it would take.
+        const char* where =
+                mGlobals.modemManager ? "the modem manager's modem" : "the modem service";
         if (!dryRun && !args.has("--force")) {
-            throw UsageError(
-                    "reclaim on the modem service deletes every client's temporary profiles, "
-                    "those of processes that still hold them too: --dry-run lists them, --force "
-                    "deletes them");
+            throw UsageError(std::string("reclaim on ") + where +
+                             " deletes every client's temporary profiles, those of processes "
+                             "that still hold them too: --dry-run lists them, --force deletes "
+                             "them");
         }
-        mErr << "kivctl: warning: on the modem service this reclaims every client's temporary "
-                "profiles, not only kivctl's\n";
+        mErr << "kivctl: warning: on " << where
+             << " this reclaims every client's temporary profiles, not only kivctl's\n";
     }
     // Handles kept in the shell are live keys: their profiles stay.
     const auto reclaimed = mSession.util().reclaimTemporaryProfiles(dryRun);

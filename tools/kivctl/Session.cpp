@@ -168,6 +168,7 @@ Session::Session(const Globals& globals)
         }
         if (!mGlobals.modemManagerId.empty()) xalmm::setModem(mGlobals.modemManagerId);
         if (!mGlobals.modemManagerBus.empty()) xalmm::setBusAddress(mGlobals.modemManagerBus);
+        xalmm::setInstance(static_cast<uint32_t>(mGlobals.instance));
         mNotHeld = std::make_shared<NotHeldLog>();
         xalmm::setLogSink(
                 [notHeld = mNotHeld, verbose = mGlobals.log](int, const std::string& line) {
@@ -218,7 +219,10 @@ void Session::startLibrary() {
 
 void Session::waitForLibrary() {
     if (mGlobals.modemManager) {
-        if (!client::waitForRegisteredClients(1, std::chrono::milliseconds(mGlobals.timeoutMs))) {
+        // A modem that is not there does not come by waiting: said at once.
+        if (!xalmm::currentModem()) xalmm::sync(std::chrono::milliseconds(mGlobals.timeoutMs));
+        if (!xalmm::currentModem() ||
+            !client::waitForRegisteredClients(1, std::chrono::milliseconds(mGlobals.timeoutMs))) {
             throw Refused(noModem());
         }
         return;
@@ -381,7 +385,7 @@ nlohmann::json Session::status() {
 
 nlohmann::json Session::managerStatus() {
     const std::chrono::milliseconds timeout(mGlobals.timeoutMs);
-    // The client finds the modem on its first look at the bus.
+    // Where the modem stands now.
     xalmm::sync(timeout);
     const auto modem = xalmm::currentModem();
     nlohmann::json status = {{"serviceUp", modem.has_value()}};
@@ -400,7 +404,7 @@ nlohmann::json Session::managerStatus() {
 nlohmann::json Session::modemProfiles() {
     if (!mGlobals.modemManager) return call({{"op", "profiles"}})["profiles"];
     const std::chrono::milliseconds timeout(mGlobals.timeoutMs);
-    xalmm::sync(timeout);
+    if (!xalmm::currentModem()) xalmm::settle(timeout);  // the client's first look at the bus
     if (!xalmm::currentModem()) throw Refused(noModem());
     auto profiles = xalmm::profiles(timeout);
     if (!profiles.ok()) throw Refused(profiles.error().message() + " (" + client::where() + ")");
@@ -418,12 +422,13 @@ std::string Session::noModem() const {
                " on the modem manager is not enabled (state " + std::to_string(chosen->state) +
                "; kivctl --modem-manager modem state 8 enables a simulated one)";
     }
+    const std::string why = xalmm::whyNoModem();
     return "no modem " +
            (mGlobals.modemManagerId.empty() ? std::to_string(mGlobals.instance) + " (by instance)"
                                             : mGlobals.modemManagerId) +
-           " on the modem manager" +
+           " up on the modem manager" +
            (xalmm::busAddress().empty() ? "" : " at " + xalmm::busAddress()) +
-           " (kivctl --log tells why)";
+           (why.empty() ? "" : ": " + why);
 }
 
 std::string Session::nextNotHeld() {
