@@ -599,13 +599,16 @@ void Link::compareLocked(const Table& now) {
 }
 
 void Link::forgetStaleLocked() {
-    auto failed = mRecord.forgetStale([&](int32_t index, const MadeProfile& made) {
-        auto it = mTable.find(index);
-        if (it == mTable.end()) return false;
-        auto apn = it->second.find("apn");
-        const auto* text =
-                apn == it->second.end() ? nullptr : std::get_if<std::string>(&apn->second);
-        return (text == nullptr ? std::string() : *text) == made.apn;
+    // Each profile's APN, from the last table seen.
+    std::map<int32_t, std::string> apns;
+    for (const auto& [index, profile] : mTable) {
+        auto apn = profile.find("apn");
+        const auto* text = apn == profile.end() ? nullptr : std::get_if<std::string>(&apn->second);
+        apns[index] = text == nullptr ? std::string() : *text;
+    }
+    auto failed = mRecord.forgetStale([&apns](int32_t index, const MadeProfile& made) {
+        auto it = apns.find(index);
+        return it != apns.end() && it->second == made.apn;
     });
     if (failed) log(ANDROID_LOG_ERROR, "xalmm: " + *failed);
 }
