@@ -96,4 +96,15 @@ int appendDict(sd_bus_message* m, const ProfileDict& dict) {
     return sd_bus_message_close_container(m);
 }
 
+int openBus(const std::string& address, sd_bus** bus) {
+    *bus = nullptr;
+    if (address.empty()) return sd_bus_open_system(bus);
+    int r = sd_bus_new(bus);
+    if (r >= 0) r = sd_bus_set_address(*bus, address.c_str());
+    if (r >= 0) r = sd_bus_set_bus_client(*bus, 1);
+    if (r >= 0) r = sd_bus_start(*bus);
+    if (r < 0) *bus = sd_bus_flush_close_unref(*bus);
+    return r;
+}
+
 }  // namespace mm

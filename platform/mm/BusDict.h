@@ -20,4 +20,9 @@ int readDict(sd_bus_message* message, ProfileDict& dict,
 int readDictArray(sd_bus_message* message, std::vector<ProfileDict>& dicts);
 int appendDict(sd_bus_message* message, const ProfileDict& dict);
 
+// A started connection to the bus at `address`; empty: the system bus (or
+// the one DBUS_SYSTEM_BUS_ADDRESS names). A negative errno on failure, with
+// nothing left open.
+int openBus(const std::string& address, sd_bus** bus);
+
 }  // namespace mm

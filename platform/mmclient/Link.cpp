@@ -231,10 +231,10 @@ xal_client_error_type Link::release(xal_client_type handle) {
     return XAL_NO_ERR;
 }
 
-std::optional<ModemInfo> Link::modem() {
+std::optional<Modem> Link::modem() {
     kiv::MutexLock lock(mLock);
     if (!mModem) return std::nullopt;
-    return ModemInfo{mModem->path, mModem->equipmentId, mModem->deviceId, mSim, mModem->state};
+    return Modem{mModem->path, mModem->equipmentId, mModem->deviceId, mSim, mModem->state};
 }
 
 void Link::setInstance(uint32_t instance) {
@@ -250,11 +250,11 @@ std::string Link::whyNoModem() {
     return mModem ? std::string() : mProblem;
 }
 
-std::optional<ModemInfo> Link::chosen() {
+std::optional<Modem> Link::chosen() {
     kiv::MutexLock lock(mLock);
     if (!mChosen) return std::nullopt;
-    return ModemInfo{mChosen->path, mChosen->equipmentId, mChosen->deviceId,
-                     mModem ? mSim : std::string(), mChosen->state};
+    return Modem{mChosen->path, mChosen->equipmentId, mChosen->deviceId,
+                 mModem ? mSim : std::string(), mChosen->state};
 }
 
 std::optional<std::string> Link::modemPath() {

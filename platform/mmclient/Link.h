@@ -55,14 +55,6 @@ struct Settings {
     std::string stateFolder;  // for the record of temporaries; empty: none
 };
 
-struct ModemInfo {
-    std::string path;
-    std::string equipmentId;
-    std::string deviceId;
-    std::string simIdentifier;
-    int32_t state = 0;
-};
-
 // The settings of one profile are read from a List made this recently: a
 // reread of the whole table (a list, then every profile's settings) lists
 // once, not once per profile. A change since then is announced when it is
@@ -112,9 +104,9 @@ class Link {
     void observe(const wire::RequestOutcome& outcome) EXCLUDES(mLock);
 
     // --- For hosts and tests.
-    std::optional<ModemInfo> modem() EXCLUDES(mLock);
+    std::optional<Modem> modem() EXCLUDES(mLock);
     // The modem chosen at the last look at the bus, up or not.
-    std::optional<ModemInfo> chosen() EXCLUDES(mLock);
+    std::optional<Modem> chosen() EXCLUDES(mLock);
     size_t registeredClients() EXCLUDES(mLock);
     bool waitForRegistered(size_t count, std::chrono::milliseconds timeout) EXCLUDES(mLock);
     // The table compared with the modem's now, and every event so far

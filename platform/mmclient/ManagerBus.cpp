@@ -99,17 +99,8 @@ std::string CallError::describe() const {
 
 Result<void> ManagerBus::connect(const std::string& address) {
     close();
-    int r = 0;
-    if (address.empty()) {
-        r = sd_bus_open_system(&mBus);
-    } else {
-        r = sd_bus_new(&mBus);
-        if (r >= 0) r = sd_bus_set_address(mBus, address.c_str());
-        if (r >= 0) r = sd_bus_set_bus_client(mBus, 1);
-        if (r >= 0) r = sd_bus_start(mBus);
-    }
+    const int r = mm::openBus(address, &mBus);
     if (r < 0) {
-        close();
         return Error(-r) << "cannot connect to "
                          << (address.empty() ? std::string("the system bus") : address);
     }

@@ -36,22 +36,12 @@ void setLogSink(LogSink sink) {
     Link::instance().setLogSink(std::move(sink));
 }
 
-namespace {
-
-std::optional<Modem> toModem(const std::optional<ModemInfo>& modem) {
-    if (!modem) return std::nullopt;
-    return Modem{modem->path, modem->equipmentId, modem->deviceId, modem->simIdentifier,
-                 modem->state};
-}
-
-}  // namespace
-
 std::optional<Modem> currentModem() {
-    return toModem(Link::instance().modem());
+    return Link::instance().modem();
 }
 
 std::optional<Modem> chosenModem() {
-    return toModem(Link::instance().chosen());
+    return Link::instance().chosen();
 }
 
 size_t registeredClients() {

@@ -145,15 +145,7 @@ Result<void> ModemManagerSim::start(const std::string& address) {
 
 Result<sd_bus*> ModemManagerSim::openBus() {
     sd_bus* bus = nullptr;
-    int r = 0;
-    if (mAddress.empty()) {
-        r = sd_bus_open_system(&bus);
-    } else {
-        r = sd_bus_new(&bus);
-        if (r >= 0) r = sd_bus_set_address(bus, mAddress.c_str());
-        if (r >= 0) r = sd_bus_set_bus_client(bus, 1);
-        if (r >= 0) r = sd_bus_start(bus);
-    }
+    int r = mm::openBus(mAddress, &bus);
     if (r >= 0) r = sd_bus_attach_event(bus, mEvent, 0);
     if (r < 0) {
         sd_bus_flush_close_unref(bus);

@@ -9,6 +9,7 @@
 #include "Output.h"
 #include "common/Arguments.h"
 #include "common/Errors.h"
+#include "mm/BusDict.h"
 
 namespace kivctl {
 
@@ -21,17 +22,8 @@ using Bus = std::unique_ptr<sd_bus, decltype(&sd_bus_flush_close_unref)>;
 
 Bus connect(const std::string& address) {
     sd_bus* bus = nullptr;
-    int r = 0;
-    if (address.empty()) {
-        r = sd_bus_open_system(&bus);
-    } else {
-        r = sd_bus_new(&bus);
-        if (r >= 0) r = sd_bus_set_address(bus, address.c_str());
-        if (r >= 0) r = sd_bus_set_bus_client(bus, 1);
-        if (r >= 0) r = sd_bus_start(bus);
-    }
+    const int r = mm::openBus(address, &bus);
     if (r < 0) {
-        sd_bus_flush_close_unref(bus);
         throw Refused(std::string("cannot reach the modem manager's bus: ") + strerror(-r));
     }
     return Bus(bus, sd_bus_flush_close_unref);
