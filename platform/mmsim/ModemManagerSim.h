@@ -26,6 +26,8 @@
 #include <string>
 #include <vector>
 
+#include "mm/MmNames.h"
+#include "mm/ProfileDict.h"
 #include "mmsim/ProfileService.h"
 #include "sim/ModemCore.h"
 
@@ -123,6 +125,30 @@ class ModemManagerSim {
     std::set<Call*> mCalls;  // answers held back
     std::string mAddress;
     int mStopFd = -1;
+};
+
+struct ModemManagerSim::Modem {
+    ModemManagerSim* sim = nullptr;
+    size_t position = 0;  // in mModems
+    std::unique_ptr<xalsim::ModemCore> core;
+    std::unique_ptr<ProfileService> profiles;
+    uint32_t number = 0;
+    uint32_t simNumber = 0;
+    std::string equipmentId;
+    std::string deviceId;
+    std::string simIdentifier;
+    std::string imsi;
+    int32_t state = mm::kStateRegistered;
+    mm::ProfileDict initialEps;
+    std::vector<sd_bus_slot*> slots;
+    // 1.24's quiet time after its own writes, its last Updated, and the
+    // one held back by the throttle.
+    uint64_t quietUntil = 0;
+    uint64_t lastUpdated = 0;
+    sd_event_source* updatedDue = nullptr;
+
+    std::string path() const { return mm::kModemPathPrefix + std::to_string(number); }
+    std::string simPath() const { return mm::kSimPathPrefix + std::to_string(simNumber); }
 };
 
 }  // namespace mmsim
