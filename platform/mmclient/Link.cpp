@@ -100,6 +100,7 @@ Link::Client* Link::findLocked(xal_client_type handle) {
 void Link::queueLocked(uintptr_t handle, Delivery::Kind kind, int code,
                        std::vector<uint8_t> payload) {
     mDeliveries.push_back({handle, kind, code, std::move(payload)});
+    ++mQueued;
     wake();
 }
 

@@ -245,6 +245,8 @@ class Link {
     uint64_t mSyncAsked GUARDED_BY(mLock) = 0;
     uint64_t mSyncDone GUARDED_BY(mLock) = 0;
     uint64_t mListAsked GUARDED_BY(mLock) = 0;  // the last sync that lists again
+    uint64_t mQueued GUARDED_BY(mLock) = 0;     // deliveries queued, ever
+    uint64_t mDelivered GUARDED_BY(mLock) = 0;  // and delivered (or dropped)
     std::string mProblem GUARDED_BY(mLock) = "the modem manager not looked at yet";
     std::deque<Delivery> mDeliveries GUARDED_BY(mLock);
     uintptr_t mDelivering GUARDED_BY(mLock) = 0;

@@ -386,7 +386,11 @@ void Link::deliver() {
             delivery = std::move(mDeliveries.front());
             mDeliveries.pop_front();
             auto it = mClients.find(delivery.handle);
-            if (it == mClients.end() || it->second.released) continue;
+            if (it == mClients.end() || it->second.released) {
+                ++mDelivered;
+                mChanged.notify_all();
+                continue;
+            }
             client = it->second;
             mDelivering = delivery.handle;
         }
@@ -413,6 +417,7 @@ void Link::deliver() {
         }
         kiv::MutexLock lock(mLock);
         mDelivering = 0;
+        ++mDelivered;
         mChanged.notify_all();
     }
 }

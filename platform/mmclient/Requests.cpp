@@ -108,6 +108,18 @@ xal_client_error_type Link::sendSync(xal_client_type handle, unsigned int msgId,
     bool sent = false;
     const xal_client_error_type result =
             serve(handle, msgId, request, requestLength, response, responseLength, timeoutMs, sent);
+    {
+        // What was announced before the answer has reached the callbacks
+        // before the caller has the answer, as the library counts on (a
+        // change that predates its own write must arrive before it). Not
+        // from a callback, which would wait for itself.
+        kiv::MutexLock lock(mLock);
+        if (std::this_thread::get_id() != mEventThread) {
+            const uint64_t queued = mQueued;
+            lock.waitUntil(mChanged, Clock::now() + milliseconds(timeoutMs > 0 ? timeoutMs : 1),
+                           [&]() REQUIRES(mLock) { return mDelivered >= queued; });
+        }
+    }
     observe({handle, msgId, result, sent, result == XAL_NO_ERR ? response : nullptr,
              result == XAL_NO_ERR ? responseLength : 0});
     return result;
